@@ -1,1 +1,1 @@
-// placeholder
+// blreader.cpp -- placeholder until the trace reader lands.

@@ -1,0 +1,2 @@
+// blcat.cpp -- placeholder.
+int main() { return 1; }
