@@ -63,6 +63,7 @@
 //   ts        := s64 seconds, s64 nanoseconds (CLOCK_REALTIME)
 #pragma once
 
+#include <linux/filter.h>
 #include <netinet/in.h>
 
 #include <cstddef>
@@ -405,6 +406,16 @@ static_assert(offsetof(reflector_nl_config, adminDown) == 12);
 // and undoing what it made.
 reflector_vrf *vrf_init();
 
+// Classic BPF programs of the two packet sockets: sbfd_udp_filter passes
+// Ethernet frames with IPv4 (or IPv6) UDP to port 7784, non-first fragments
+// excepted; sbfd_mpls_filter passes frames under exactly one MPLS label of
+// value 0 carrying IPv4/IPv6 UDP, TCP or SCTP to port 7784. Both accept up to
+// 65535 bytes of a frame.
+constexpr std::size_t SBFD_UDP_FILTER_LEN = 16;
+constexpr std::size_t SBFD_MPLS_FILTER_LEN = 30;
+extern const sock_filter sbfd_udp_filter[16];
+extern const sock_filter sbfd_mpls_filter[30];
+
 // Opens every socket and event of `vrf`. Returns init_socket's result.
 int reflector_init(reflector_vrf *vrf);
 
@@ -469,6 +480,20 @@ void dump_session(session_node *node);
 
 // Read callback of both packet sockets: one frame per call.
 void rx_data_ready(int fd, short what, void *arg);
+
+// rx_handle_frame results.
+constexpr int RX_FRAME_DONE = 0;        // frame counted, dropped or answered
+constexpr int RX_FRAME_SHORT_SEND = 1;  // the reply went out short: an internal fault
+
+// The part of rx_data_ready after recvfrom: decapsulates, validates, counts
+// and answers the frame of `n` bytes at `buf`. Returns RX_FRAME_SHORT_SEND
+// (after counting wrong_len_sent and tracing) when sendto reported a length
+// other than 24; the caller must then stop the process.
+// REQUIRES: vrf non-null with its store and table set up; n > 0; buf holds
+// at least max(n, 110) bytes, and those from n up to 110 are zero (110: the
+// furthest decapsulation reads, a control packet after an MPLS label and a
+// 60-byte IPv4 header). The reply is written over the request in `buf`.
+int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n);
 
 // Read callback of the netlink socket: one datagram per call.
 void rx_netlink_ready(int fd, short what, void *arg);

@@ -2,20 +2,756 @@
 // validate each one and answer the valid ones at once; the session table,
 // the statistics report and the netlink control channel.
 //
-// Placeholder bodies until the packet path lands.
-#include "reflector.h"
+// Runs on the event-loop thread only. Owns: the session table of the context
+// (hash_tbl, sess_cache, free_list, rx_sess) and every counter and slot write
+// of the shared store. Invariants: every rejected frame counts once in
+// rx_drops and once in exactly one reason counter; nothing is allocated per
+// packet; no byte beyond a received frame or datagram is read except the
+// zeroed bytes of the receive buffer; peer input never reaches an ENSURE.
+#include <arpa/inet.h>
+#include <event2/event.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-bool sbfd_packet_valid(const bfd_ctrl_pkt *, std::int64_t, sockaddr_in, reflector_vrf *) { return false; }
-void get_tx_data(bfd_ctrl_pkt *) {}
-std::uint32_t hashmix(std::uint32_t, std::uint32_t, std::int32_t) { return 0; }
-std::uint32_t get_session_hash(std::uint32_t, std::uint32_t) { return 0; }
-session_node *get_session(reflector_vrf *, std::uint32_t, std::uint32_t) { return nullptr; }
-void session_sanity_check(reflector_vrf *) {}
-void dump_hash_tbl(reflector_vrf *) {}
-void session_cache_insert_by_time(reflector_vrf *, session_node *) {}
-int session_table_setup(reflector_vrf *) { return 0; }
-void reflector_cache_reinit(reflector_vrf *) {}
-void maybe_dump_stats(reflector_vrf *) {}
-void dump_session(session_node *) {}
-void rx_data_ready(int, short, void *) {}
-void rx_netlink_ready(int, short, void *) {}
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "ensure.h"
+#include "reflector.h"
+#include "trace.h"
+
+namespace {
+
+// Frame layout (offsets from the first byte of the frame).
+constexpr std::size_t ETH_TYPE_OFF = 12;        // destination (6), source (6)
+constexpr std::size_t ETH_HDR_LEN = 14;         // addresses (12), EtherType (2)
+constexpr std::size_t MPLS_LSE_LEN = 4;         // one label stack entry
+constexpr std::uint16_t ETH_P_IPV4 = 0x0800;
+constexpr std::uint16_t ETH_P_MPLS_UC = 0x8847;
+constexpr std::uint32_t MPLS_LABEL_SHIFT = 12;  // label = bits 31-12
+constexpr std::uint32_t MPLS_BOS = 0x100;       // bottom of stack, bit 8
+constexpr std::size_t IP_PROTO_OFF = 9;
+constexpr std::size_t IP_SADDR_OFF = 12;
+constexpr std::size_t IP_MAX_HDR_LEN = 4 * 15;  // IHL is four bits
+constexpr std::uint8_t IPPROTO_UDP_NUM = 17;
+constexpr std::size_t UDP_HDR_LEN = 8;
+
+// The furthest any frame read reaches: the 24 bytes of a control packet
+// after an MPLS label and an IPv4 header of the largest IHL. Every byte the
+// receive path reads lies below this offset, so zeroing this prefix before
+// each receive makes every byte beyond the frame read as zero, exactly as a
+// fully zeroed buffer would.
+constexpr std::size_t RX_READ_LIMIT =
+	ETH_HDR_LEN + MPLS_LSE_LEN + IP_MAX_HDR_LEN + UDP_HDR_LEN + BFD_PKT_LEN;  // 110
+static_assert(RX_READ_LIMIT == 110);
+static_assert(RX_READ_LIMIT <= RX_BUF_LEN);
+
+constexpr int SEND_RETRIES = 5;  // retries after the first attempt on an unreachable destination
+
+// Netlink datagram layout (host byte order).
+constexpr std::size_t NL_HDR_LEN = 16;  // struct nlmsghdr
+static_assert(sizeof(nlmsghdr) == NL_HDR_LEN);
+constexpr std::size_t NL_DISC_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, disc);
+constexpr std::size_t NL_MIN_RX_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, min_rx);
+constexpr std::size_t NL_SRC_IP_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, src_ip);
+constexpr std::size_t NL_ADMIN_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, adminDown);
+static_assert(NL_ADMIN_OFF + 1 == NL_HDR_LEN + NL_CONFIG_PAYLOAD_LEN);
+constexpr std::size_t NL_ALIGN = 4;
+
+constexpr int SETUP_ERR_NOMEM = 1;  // session_table_setup: rx_sess not allocated
+
+std::uint16_t load_be16(const std::uint8_t *p)
+{
+	std::uint16_t v;
+	std::memcpy(&v, p, sizeof v);
+	return ntohs(v);
+}
+
+std::uint32_t load_be32(const std::uint8_t *p)
+{
+	std::uint32_t v;
+	std::memcpy(&v, p, sizeof v);
+	return ntohl(v);
+}
+
+// Host-order u32 at `off` of a datagram of `n` bytes; bytes at or beyond `n`
+// read as zero, so a short message never makes us read past what arrived.
+std::uint32_t load_u32_within(const std::uint8_t *buf, std::size_t n, std::size_t off)
+{
+	std::uint8_t b[4] = {0, 0, 0, 0};
+	if (off < n)
+		std::memcpy(b, buf + off, n - off < sizeof b ? n - off : sizeof b);
+	std::uint32_t v;
+	std::memcpy(&v, b, sizeof v);
+	return v;
+}
+
+std::uint8_t load_u8_within(const std::uint8_t *buf, std::size_t n, std::size_t off)
+{
+	return off < n ? buf[off] : 0;
+}
+
+const char *ip_text(std::uint32_t addr_net)
+{
+	in_addr a{};
+	a.s_addr = addr_net;
+	return inet_ntoa(a);
+}
+
+void store_time(shm_timestamp &t, const timespec &now)
+{
+	t.tv_sec = now.tv_sec;
+	t.tv_nsec = now.tv_nsec;
+}
+
+// Microseconds of a time stamp, wrapping instead of overflowing: a store
+// kept from an earlier run may hold any value.
+std::int64_t stamp_us(std::int64_t sec, std::int64_t nsec)
+{
+	return static_cast<std::int64_t>(static_cast<std::uint64_t>(sec) * 1000000u +
+					 static_cast<std::uint64_t>(nsec / 1000));
+}
+
+void drop_unsupported(reflector_shm *shm)
+{
+	shm->rx_drops++;
+	shm->unsupported++;
+}
+
+// Records a valid request in its session's receive statistics.
+void record_rx(reflector_session *s, const bfd_ctrl_pkt &pkt, std::uint16_t port_net)
+{
+	s->source_port = ntohs(port_net);
+	s->desired_min_tx = ntohl(pkt.min_tx_interval);
+	s->required_min_rx = ntohl(pkt.min_rx_interval);
+	s->required_min_echo_rx = ntohl(pkt.min_echo_rx_interval);
+	s->detect_multiplier = pkt.detect_multiplier;
+	s->version = bfd_version(pkt);
+	s->diag = bfd_diag(pkt);
+	s->demand = (pkt.flags & BFD_FLAG_D) ? 1 : 0;
+	s->final = (pkt.flags & BFD_FLAG_F) ? 1 : 0;
+	s->poll = (pkt.flags & BFD_FLAG_P) ? 1 : 0;
+	s->length = pkt.length;
+	s->your_disc = ntohl(pkt.your_disc);
+
+	timespec now{};
+	clock_gettime(CLOCK_REALTIME, &now);
+	s->num_received++;
+	const std::uint8_t state = bfd_state_of(pkt);
+	if (s->state != state || s->num_received == 1) {
+		store_time(s->last_state_change, now);
+		s->prev_state = s->state;
+	}
+	s->state = state;
+	if (s->num_received > 1) {
+		const std::int64_t gap = static_cast<std::int64_t>(
+			static_cast<std::uint64_t>(stamp_us(now.tv_sec, now.tv_nsec)) -
+			static_cast<std::uint64_t>(stamp_us(s->last_rx.tv_sec, s->last_rx.tv_nsec)));
+		s->period_sum += static_cast<std::uint64_t>(gap);
+		if (gap < static_cast<std::int64_t>(s->min_period) || s->min_period == 0)
+			s->min_period = static_cast<std::uint32_t>(gap);
+		if (gap > static_cast<std::int64_t>(s->max_period))
+			s->max_period = static_cast<std::uint32_t>(gap);
+	}
+	store_time(s->last_rx, now);
+}
+
+// Records a sent reply in its session's transmit statistics.
+void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply)
+{
+	timespec now{};
+	clock_gettime(CLOCK_REALTIME, &now);
+	store_time(s->last_tx, now);
+	s->num_sent++;
+	// Compare the two states left by earlier replies before shifting them.
+	if (s->prev_tx_state != s->tx_state || s->num_sent == 1)
+		store_time(s->last_tx_state_change, now);
+	s->prev_tx_state = s->tx_state;
+	s->tx_state = bfd_state_of(reply);
+	s->tx_diag = bfd_diag(reply);
+}
+
+// Builds the reply in place over the request at `wire` and sends it.
+// Returns RX_FRAME_SHORT_SEND when sendto reported a length other than 24.
+int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const sockaddr_in &from,
+	       session_node *node)
+{
+	reflector_shm *shm = vrf->shm;
+	get_tx_data(&pkt);
+	std::memcpy(wire, &pkt, BFD_PKT_LEN);
+
+	int budget = SEND_RETRIES;
+	for (;;) {
+		const ssize_t sent = sendto(vrf->outfd, wire, BFD_PKT_LEN, MSG_DONTWAIT,
+					    reinterpret_cast<const sockaddr *>(&from), sizeof from);
+		if (sent < 0) {
+			const int err = errno;
+			shm->sendto_fail++;
+			TRACE(TRACE_ERROR, "ERROR: sendto() returns -1, errno %d dst_ip %s\n",
+			      static_cast<std::int32_t>(err), inet_ntoa(from.sin_addr));
+			if (err == ENETUNREACH || err == EHOSTUNREACH) {
+				if (budget == 0) {
+					TRACE(TRACE_ERROR, "ERROR: retried sendto %d times but failed.",
+					      static_cast<std::int32_t>(SEND_RETRIES));
+					maybe_dump_stats(vrf);
+					return RX_FRAME_DONE;
+				}
+				budget--;
+				continue;
+			}
+			if (err == EINTR)
+				continue;
+			maybe_dump_stats(vrf);
+			return RX_FRAME_DONE;
+		}
+		if (sent != static_cast<ssize_t>(BFD_PKT_LEN)) {
+			shm->wrong_len_sent++;
+			TRACE(TRACE_ERROR, "ERROR: sendto() returns wrong length %zd\n",
+			      static_cast<std::int32_t>(sent));
+			return RX_FRAME_SHORT_SEND;
+		}
+		break;
+	}
+
+	TRACE(TRACE_TX,
+	      "TX: Send %d bytes back to initiator. Sent my_disc %u, your_disc %u, dst_ip %s, "
+	      "dst_port %u, min_rx_interval %u state %u,",
+	      static_cast<std::int32_t>(BFD_PKT_LEN), ntohl(pkt.my_disc), ntohl(pkt.your_disc),
+	      inet_ntoa(from.sin_addr), ntohs(from.sin_port), ntohl(pkt.min_rx_interval),
+	      bfd_state_of(pkt));
+	shm->tx_sends++;
+	if (node != nullptr)
+		record_tx(node->shm_session, pkt);
+	maybe_dump_stats(vrf);
+	return RX_FRAME_DONE;
+}
+
+}  // namespace
+
+// ---- control packet validation ----
+
+bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in from,
+		       reflector_vrf *vrf)
+{
+	if (bfd == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
+		return false;
+	}
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return false;
+	}
+	reflector_shm *shm = vrf->shm;
+	if (len < static_cast<std::int64_t>(BFD_PKT_LEN)) {
+		shm->pkt_truncated++;
+		TRACE(TRACE_ERROR, "ERROR: Pkt truncated. Recvd len %d, source_ip %s", len,
+		      inet_ntoa(from.sin_addr));
+		return false;
+	}
+	const std::uint32_t my_disc = ntohl(bfd->my_disc);
+	if (bfd_version(*bfd) != BFD_VERSION) {
+		shm->bad_version++;
+		TRACE(TRACE_ERROR, "ERROR: Bad version %d. Recvd my_disc %u, source_ip %s",
+		      bfd_version(*bfd), my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	if (static_cast<std::int64_t>(bfd->length) > len) {
+		shm->invalid_pkt_len++;
+		TRACE(TRACE_ERROR, "ERROR: Invalid bfd ctrl pkt length %d. Rcvd len %d, source_ip %s",
+		      bfd->length, len, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	const std::uint16_t port = ntohs(from.sin_port);
+	if (port == SBFD_PORT) {
+		shm->invalid_src_port++;
+		TRACE(TRACE_ERROR, "ERROR: Invalid source port %hhu. Recvd my_disc %u, source_ip %s",
+		      port, my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	if ((bfd->flags & BFD_FLAG_D) == 0) {
+		shm->demand_mode_unset++;
+		TRACE(TRACE_ERROR, "ERROR: Demand mode bit is not set. Recvd my_disc %u, source_ip %s",
+		      my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	if (bfd->detect_multiplier == 0) {
+		shm->invalid_detect_mult++;
+		TRACE(TRACE_ERROR, "ERROR: Detect Mult is not set. Recvd my_disc %u, source_ip %s",
+		      my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	if (my_disc == 0) {
+		shm->invalid_my_disc++;
+		TRACE(TRACE_ERROR, "ERROR: My discriminator is not set. source_ip %s",
+		      inet_ntoa(from.sin_addr));
+		return false;
+	}
+	// Down (1) and Up (3) have bit 0x40 set; AdminDown (0) and Init (2) do not.
+	if (bfd_state_of(*bfd) != BFD_STATE_DOWN && bfd_state_of(*bfd) != BFD_STATE_UP) {
+		shm->invalid_bfd_state++;
+		TRACE(TRACE_ERROR,
+		      "ERROR: Initiator BFD state %hhu is invalid. Recvd my_disc %u, source_ip %s",
+		      bfd_state_of(*bfd), my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	if (bfd->your_disc != reflector_cfg.discriminator) {
+		shm->your_disc_unmatch++;
+		TRACE(TRACE_ERROR,
+		      "ERROR: Recvd discriminator %u is not destined to this reflector. Recvd my_disc "
+		      "%u, source_ip %s",
+		      ntohl(bfd->your_disc), my_disc, inet_ntoa(from.sin_addr));
+		return false;
+	}
+	shm->rx_valid_pkts++;
+	return true;
+}
+
+// ---- reply construction ----
+
+void get_tx_data(bfd_ctrl_pkt *bfd)
+{
+	if (bfd == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
+		return;
+	}
+	const bool down = reflector_cfg.adminDown != 0;
+	bfd->vers_diag = static_cast<std::uint8_t>((bfd->vers_diag & 0xE0) |
+						   (down ? BFD_DIAG_ADMIN_DOWN : 0));
+	std::uint8_t flags = static_cast<std::uint8_t>(bfd->flags & 0x3F);
+	flags |= static_cast<std::uint8_t>((down ? BFD_STATE_ADMIN_DOWN : BFD_STATE_UP) << 6);
+	if (flags & BFD_FLAG_P)
+		flags = static_cast<std::uint8_t>((flags & ~BFD_FLAG_P) | BFD_FLAG_F);
+	flags = static_cast<std::uint8_t>(flags & ~BFD_FLAG_D);
+	bfd->flags = flags;
+	bfd->min_echo_rx_interval = 0;
+	bfd->your_disc = bfd->my_disc;  // read before my_disc is overwritten
+	bfd->my_disc = reflector_cfg.discriminator;
+	bfd->min_rx_interval = htonl(reflector_cfg.minRx);
+}
+
+// ---- session table ----
+
+std::uint32_t hashmix(std::uint32_t value, std::uint32_t seed, std::int32_t final)
+{
+	std::uint32_t h = seed;
+	for (int shift = 0; shift < 32; shift += 8) {
+		h += (value >> shift) & 0xFF;
+		h += h << 10;
+		h ^= h >> 6;
+	}
+	if (final != 0) {
+		h += h << 3;
+		h ^= h >> 11;
+		h += h << 15;
+	}
+	return h;
+}
+
+std::uint32_t get_session_hash(std::uint32_t source_ip, std::uint32_t discriminator)
+{
+	return hashmix(discriminator, hashmix(source_ip, 0, 0), 1) & SESSION_HASH_MASK;
+}
+
+session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator, std::uint32_t source_ip)
+{
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERR: vrf struct is NULL");
+		return nullptr;
+	}
+	reflector_shm *shm = vrf->shm;
+	const std::uint32_t b = get_session_hash(source_ip, discriminator);
+	list_link *bucket = &vrf->hash_tbl[b];
+	const bool new_period = (shm->rx_valid_pkts & HASH_PERIOD_MASK) == 0;
+
+	for (list_link *l = bucket->next; l != bucket; l = l->next) {
+		session_node *session = node_of_hash(l);
+		const reflector_session *s = session->shm_session;
+		if (s->discriminator != discriminator || s->source_ip != source_ip)
+			continue;
+		if (new_period) {
+			shm->rx_hash_miss = 0;
+			shm->rx_hash_trim = 0;
+			shm->rx_hash_hit = 1;
+		} else {
+			shm->rx_hash_hit++;
+		}
+		TRACE(TRACE_RX, "RX: Hash=%u, found exising session", b);
+		if (vrf->sess_cache_count <= 1)
+			ENSURE(vrf->sess_cache.next == &session->cache_list);
+		else if (vrf->sess_cache.next != &session->cache_list)
+			list_move_front(&vrf->sess_cache, &session->cache_list);
+		session_sanity_check(vrf);
+		return session;
+	}
+
+	if (new_period) {
+		shm->rx_hash_hit = 0;
+		shm->rx_hash_trim = 0;
+		shm->rx_hash_miss = 1;
+	} else {
+		shm->rx_hash_miss++;
+	}
+	session_node *session;
+	if (vrf->sess_cache_count == MAX_SESSIONS) {
+		shm->rx_hash_trim++;
+		session = node_of_cache(vrf->sess_cache.prev);
+		list_unlink(&session->cache_list);
+		vrf->sess_cache_count = MAX_SESSIONS - 1;
+		list_unlink(&session->hash_list);
+		ENSURE(vrf->session_count);
+		vrf->session_count--;
+	} else {
+		ENSURE(!list_empty(&vrf->free_list));
+		session = node_of_free(vrf->free_list.next);
+		list_unlink(&session->free_link);
+	}
+	TRACE(TRACE_RX, "RX: Hash=%u, allocating new session", b);
+	reflector_session *s = session->shm_session;
+	std::memset(s, 0, sizeof *s);
+	s->discriminator = discriminator;
+	s->source_ip = source_ip;
+	list_init(&session->hash_list);
+	list_insert_front(bucket, &session->hash_list);
+	vrf->session_count++;
+	list_init(&session->cache_list);
+	list_insert_front(&vrf->sess_cache, &session->cache_list);
+	vrf->sess_cache_count++;
+	session_sanity_check(vrf);
+	return session;
+}
+
+void session_sanity_check(reflector_vrf *vrf)
+{
+	ENSURE(vrf->sess_cache_count <= 512);
+	std::uint32_t count = 0;
+	for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++) {
+		const list_link *head = &vrf->hash_tbl[b];
+		for (const list_link *l = head->next; l != head; l = l->next)
+			count++;
+	}
+	ENSURE(count == vrf->session_count);
+	count = 0;
+	for (const list_link *l = vrf->sess_cache.next; l != &vrf->sess_cache; l = l->next)
+		count++;
+	ENSURE(count == vrf->sess_cache_count);
+	ENSURE(vrf->sess_cache_count == vrf->session_count);
+}
+
+void dump_hash_tbl(reflector_vrf *vrf)
+{
+	TRACE(TRACE_FUNC, "dump_hash_tbl");
+	TRACE(TRACE_STATS, "Hash Table (HashCnt=%d, CacheCnt=%d):", vrf->session_count,
+	      vrf->sess_cache_count);
+	std::uint32_t count = 0;
+	for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++) {
+		list_link *head = &vrf->hash_tbl[b];
+		for (list_link *l = head->next; l != head; l = l->next) {
+			const reflector_session *s = node_of_hash(l)->shm_session;
+			count++;
+			TRACE(TRACE_STATS, "%d: slot %d discriminator %d, source_ip %s", count, b,
+			      s->discriminator, ip_text(s->source_ip));
+		}
+	}
+	ENSURE(count == vrf->session_count);
+}
+
+void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node)
+{
+	list_init(&node->cache_list);
+	const shm_timestamp &t = node->shm_session->last_rx;
+	list_link *head = &vrf->sess_cache;
+	list_link *e = head->next;
+	for (; e != head; e = e->next) {
+		const shm_timestamp &et = node_of_cache(e)->shm_session->last_rx;
+		const double d = difftime(static_cast<time_t>(t.tv_sec), static_cast<time_t>(et.tv_sec));
+		if (d > 0 || (d == 0 && t.tv_nsec > et.tv_nsec))
+			break;
+	}
+	// e is the first older element, or the head itself: before the head is the tail.
+	list_insert_before(e, &node->cache_list);
+	vrf->sess_cache_count++;
+}
+
+int session_table_setup(reflector_vrf *vrf)
+{
+	vrf->rx_sess = static_cast<session_node *>(std::calloc(MAX_SESSIONS, sizeof(session_node)));
+	if (vrf->rx_sess == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: reflector rx_sess malloc() failed");
+		return SETUP_ERR_NOMEM;
+	}
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++)
+		vrf->rx_sess[k].shm_session = &vrf->shm->sessions[k];
+	list_init(&vrf->free_list);
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
+		if (vrf->shm->sessions[k].discriminator == 0)
+			list_insert_front(&vrf->free_list, &vrf->rx_sess[k].free_link);
+	}
+	if (reflector_cfg.persist)
+		reflector_cache_reinit(vrf);
+	return 0;
+}
+
+void reflector_cache_reinit(reflector_vrf *vrf)
+{
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
+		session_node *node = &vrf->rx_sess[k];
+		const reflector_session *s = node->shm_session;
+		if (s->discriminator == 0)
+			continue;
+		const std::uint32_t h = get_session_hash(s->source_ip, s->discriminator);
+		list_init(&node->hash_list);
+		list_insert_front(&vrf->hash_tbl[h], &node->hash_list);
+		vrf->session_count++;
+		session_cache_insert_by_time(vrf, node);
+		ENSURE(vrf->session_count == vrf->sess_cache_count);
+	}
+}
+
+// ---- statistics report ----
+
+void maybe_dump_stats(reflector_vrf *vrf)
+{
+	if (vrf == nullptr)
+		return;
+	const reflector_shm *shm = vrf->shm;
+	const std::uint64_t total = shm->rx_drops + shm->rx_valid_pkts;
+	std::uint32_t limit;
+	if (total > 10) {
+		if (total % 100 != 0)
+			return;
+		limit = 1;
+	} else {
+		limit = static_cast<std::uint32_t>(total);
+	}
+	TRACE(TRACE_STATS,
+	      "GLOBAL STATS: rx_drops %lu, rx_valid_pkts %lu, tx_sends %lu, cache_cnt %u, "
+	      "rx_hash_miss %u, rx_hash_hit %u, rx_hash_trim %u",
+	      shm->rx_drops, shm->rx_valid_pkts, shm->tx_sends, vrf->sess_cache_count,
+	      shm->rx_hash_miss, shm->rx_hash_hit, shm->rx_hash_trim);
+	TRACE(TRACE_STATS,
+	      "ERROR STATS-RX: pkt_truncated %u, bad_version %u, invalid_pkt_len %u, "
+	      "invalid_src_port %u, demand_mode_unset %u, invalid_detect_mult %u, invalid_my_disc "
+	      "%u, your_disc_unmatch %u, invalid_bfd_state %u, unsupported %u, invalid_pkt_format %u",
+	      shm->pkt_truncated, shm->bad_version, shm->invalid_pkt_len, shm->invalid_src_port,
+	      shm->demand_mode_unset, shm->invalid_detect_mult, shm->invalid_my_disc,
+	      shm->your_disc_unmatch, shm->invalid_bfd_state, shm->unsupported,
+	      shm->invalid_pkt_format);
+	TRACE(TRACE_STATS, "ERROR STATS-TX: sendto_fail %u, wrong_len_sent %u", shm->sendto_fail,
+	      shm->wrong_len_sent);
+	TRACE(TRACE_STATS, "SESSION STATS (up to %d sessions):", limit);
+	std::uint32_t count = 0;
+	for (list_link *l = vrf->sess_cache.next; l != &vrf->sess_cache; l = l->next) {
+		count++;
+		dump_session(node_of_cache(l));
+		if (count >= limit)
+			break;
+	}
+}
+
+void dump_session(session_node *node)
+{
+	if (!bl_isInitialized(bl_handle))
+		return;  // nothing below has an effect without a trace
+	const reflector_session *s = node->shm_session;
+	const std::uint64_t avg = s->num_received >= 2 ? s->period_sum / (s->num_received - 1)
+						       : s->period_sum;
+	// Each ctime text is copied by the trace library when it is put, so the
+	// next ctime call may reuse the buffer.
+	const time_t rx = static_cast<time_t>(s->last_rx.tv_sec);
+	const time_t rx_change = static_cast<time_t>(s->last_state_change.tv_sec);
+	TRACE(TRACE_STATS,
+	      "SESSION STATS-RX: discriminator %d, source_ip %s, min_period %u, max_period %u, "
+	      "avg_period %u, num_received %lu, last_rx %s (%lu.%09lu), last_state_change %s "
+	      "(%lu.%09lu)",
+	      s->discriminator, ip_text(s->source_ip), s->min_period, s->max_period,
+	      static_cast<std::uint32_t>(avg), s->num_received, ctime(&rx),
+	      static_cast<std::uint64_t>(s->last_rx.tv_sec),
+	      static_cast<std::uint64_t>(s->last_rx.tv_nsec), ctime(&rx_change),
+	      static_cast<std::uint64_t>(s->last_state_change.tv_sec),
+	      static_cast<std::uint64_t>(s->last_state_change.tv_nsec));
+	const time_t tx = static_cast<time_t>(s->last_tx.tv_sec);
+	const time_t tx_change = static_cast<time_t>(s->last_tx_state_change.tv_sec);
+	TRACE(TRACE_STATS,
+	      "SESSION STATS-TX: num_sent %lu, last_tx %s (%lu.%09lu), last_tx_state_change %s "
+	      "(%lu.%09lu)",
+	      s->num_sent, ctime(&tx), static_cast<std::uint64_t>(s->last_tx.tv_sec),
+	      static_cast<std::uint64_t>(s->last_tx.tv_nsec), ctime(&tx_change),
+	      static_cast<std::uint64_t>(s->last_tx_state_change.tv_sec),
+	      static_cast<std::uint64_t>(s->last_tx_state_change.tv_nsec));
+}
+
+// ---- frame reception ----
+
+int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n)
+{
+	reflector_shm *shm = vrf->shm;
+	TRACE(TRACE_RX, "RX: socket ready with %lu bytes", n);
+
+	// Decapsulation: Ethernet, at most one MPLS label of value 0, IPv4, UDP.
+	std::size_t ip_off;
+	const std::uint16_t eth_type = load_be16(buf + ETH_TYPE_OFF);
+	if (eth_type == ETH_P_MPLS_UC) {
+		const std::uint32_t lse = load_be32(buf + ETH_HDR_LEN);
+		const std::uint32_t label = lse >> MPLS_LABEL_SHIFT;
+		if (label != 0) {
+			TRACE(TRACE_ERROR, "ERROR: top label %u is not supported", label);
+			drop_unsupported(shm);
+			return RX_FRAME_DONE;
+		}
+		if ((lse & MPLS_BOS) == 0) {
+			TRACE(TRACE_ERROR, "ERROR: multiple labels is not supported");
+			drop_unsupported(shm);
+			return RX_FRAME_DONE;
+		}
+		ip_off = ETH_HDR_LEN + MPLS_LSE_LEN;
+	} else if (eth_type == ETH_P_IPV4) {
+		ip_off = ETH_HDR_LEN;
+	} else {
+		TRACE(TRACE_ERROR, "ERROR: EthType %u is not supported", eth_type);
+		drop_unsupported(shm);
+		return RX_FRAME_DONE;
+	}
+	const std::size_t ihl = buf[ip_off] & 0x0F;
+	const std::uint8_t proto = buf[ip_off + IP_PROTO_OFF];
+	if (proto != IPPROTO_UDP_NUM) {
+		TRACE(TRACE_ERROR, "ERROR: BFD control packet should be over UDP, got protocol %u",
+		      proto);
+		shm->rx_drops++;
+		shm->invalid_pkt_format++;
+		return RX_FRAME_DONE;
+	}
+	const std::size_t udp_off = ip_off + 4 * ihl;
+	const std::size_t ctrl_off = udp_off + UDP_HDR_LEN;
+	// ctrl_off + BFD_PKT_LEN <= RX_READ_LIMIT: the copy below stays in the zeroed prefix.
+	sockaddr_in from{};
+	from.sin_family = AF_INET;
+	std::memcpy(&from.sin_port, buf + udp_off, sizeof from.sin_port);
+	std::memcpy(&from.sin_addr.s_addr, buf + ip_off + IP_SADDR_OFF, sizeof from.sin_addr.s_addr);
+	const std::int64_t len = static_cast<std::int64_t>(n) - static_cast<std::int64_t>(ctrl_off);
+	bfd_ctrl_pkt pkt;
+	std::memcpy(&pkt, buf + ctrl_off, sizeof pkt);
+
+	if (!sbfd_packet_valid(&pkt, len, from, vrf)) {
+		shm->rx_drops++;
+		maybe_dump_stats(vrf);
+		return RX_FRAME_DONE;
+	}
+	TRACE(TRACE_RX,
+	      "RX: Recvd discriminator is destined to this reflector. Recvd my_disc %u, source_ip %s, "
+	      "source_port %u, state %u, min_tx_interval %u, detect_multiplier %u",
+	      ntohl(pkt.my_disc), inet_ntoa(from.sin_addr), ntohs(from.sin_port), bfd_state_of(pkt),
+	      ntohl(pkt.min_tx_interval), pkt.detect_multiplier);
+
+	session_node *node = get_session(vrf, ntohl(pkt.my_disc), from.sin_addr.s_addr);
+	if (node != nullptr)
+		record_rx(node->shm_session, pkt, from.sin_port);
+	return send_reply(vrf, buf + ctrl_off, pkt, from, node);
+}
+
+void rx_data_ready(int fd, short what, void *arg)
+{
+	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return;
+	}
+	TRACE(TRACE_EVENT, "EVENT: Got an event on socket %d:%s%s [%s]", static_cast<std::int32_t>(fd),
+	      (what & EV_READ) ? " read" : "", (what & EV_WRITE) ? " write" : "", vrf->name);
+
+	// Only the prefix that decapsulation can read needs zeros (RX_READ_LIMIT).
+	alignas(16) std::uint8_t buf[RX_BUF_LEN];
+	std::memset(buf, 0, RX_READ_LIMIT);
+	sockaddr_in addr{};
+	socklen_t addr_len = sizeof addr;
+	static_assert(sizeof addr == 16);
+	const std::int32_t n = static_cast<std::int32_t>(
+		recvfrom(fd, buf, RX_BUF_LEN, 0, reinterpret_cast<sockaddr *>(&addr), &addr_len));
+	if (n == 0) {
+		TRACE(TRACE_ERROR, "ERROR: packet missing or remote side closed the connection.");
+		return;
+	}
+	if (n < 0) {
+		TRACE(TRACE_ERROR, "ERROR: recvfrom returns -1, errno %d", static_cast<std::int32_t>(errno));
+		return;
+	}
+	if (rx_handle_frame(vrf, buf, n) == RX_FRAME_SHORT_SEND)
+		ENSURE(0);  // a datagram socket sends all 24 bytes or nothing
+}
+
+// ---- netlink control channel ----
+
+void rx_netlink_ready(int fd, short what, void *arg)
+{
+	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return;
+	}
+	TRACE(TRACE_EVENT, "EVENT: Got a netlink event on socket %d:%s%s [%s]",
+	      static_cast<std::int32_t>(fd), (what & EV_READ) ? " read" : "",
+	      (what & EV_WRITE) ? " write" : "", vrf->name);
+
+	alignas(16) std::uint8_t buf[RX_BUF_LEN];
+	std::memset(buf, 0, sizeof buf);
+	alignas(8) std::uint8_t addr[16] = {};
+	socklen_t addr_len = sizeof addr;
+	const std::int32_t n = static_cast<std::int32_t>(
+		recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(addr), &addr_len));
+	if (n == 0) {
+		TRACE(TRACE_ERROR, "ERROR: packet missing or remote side closed the connection.");
+		return;
+	}
+	if (n < 0) {
+		TRACE(TRACE_ERROR, "ERROR: recvfrom returns -1, errno %d", static_cast<std::int32_t>(errno));
+		return;
+	}
+	TRACE(TRACE_RX, "RX: socket netlink ready with %lu bytes", n);
+
+	// Walk the messages; `remaining` counts the bytes from `off` to the end
+	// of the datagram, and every read goes through the *_within helpers.
+	const std::size_t total = static_cast<std::size_t>(n);
+	std::size_t off = 0;
+	std::size_t remaining = total;
+	bool source_changed = false;
+	while (remaining >= NL_HDR_LEN) {
+		nlmsghdr h;
+		std::memcpy(&h, buf + off, sizeof h);
+		if (h.nlmsg_len < NL_HDR_LEN || h.nlmsg_len > remaining)
+			break;
+		if (h.nlmsg_flags & NLM_F_REQUEST) {
+			if (h.nlmsg_type != REFLECTOR_NL_SET) {
+				TRACE(TRACE_ERROR, "ERROR-Netlink: Unknown message type %d, data %d",
+				      h.nlmsg_type, load_u32_within(buf, total, off + NL_DISC_OFF));
+			} else {
+				const std::uint32_t disc = load_u32_within(buf, total, off + NL_DISC_OFF);
+				const std::uint32_t min_rx = load_u32_within(buf, total, off + NL_MIN_RX_OFF);
+				const std::uint32_t src_ip = htonl(load_u32_within(buf, total, off + NL_SRC_IP_OFF));
+				const std::uint8_t admin = load_u8_within(buf, total, off + NL_ADMIN_OFF);
+				TRACE(TRACE_RX, "RX-Netlink: set disc %d min_rx %d src_ip %s adminDown %d", disc,
+				      min_rx, ip_text(src_ip), admin != 0);
+				reflector_cfg.discriminator = htonl(disc);
+				reflector_cfg.minRx = min_rx;
+				if (src_ip != reflector_cfg.sourceIp)
+					source_changed = true;
+				reflector_cfg.sourceIp = src_ip;
+				reflector_cfg.adminDown = admin;
+			}
+		}
+		const std::size_t step = (h.nlmsg_len + NL_ALIGN - 1) & ~(NL_ALIGN - 1);
+		if (step > remaining)
+			break;
+		remaining -= step;
+		off += step;
+	}
+
+	if (!source_changed)
+		return;
+	close(vrf->outfd);
+	if (init_out_socket(vrf) != INIT_OK) {
+		TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
+		std::exit(0);
+	}
+}
