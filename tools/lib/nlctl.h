@@ -1,0 +1,66 @@
+// nlctl.h -- the controlling agent's side of the reflector's netlink control
+// channel: validate a configuration, encode it as one netlink message, find
+// the daemon and send the message to it.
+//
+// Message sent (NETLINK_USERSOCK, host byte order, 32 bytes):
+//
+//   0  u32 nlmsg_len    32 (16-byte header + reflector_nl_config, padded)
+//   4  u16 nlmsg_type   REFLECTOR_NL_SET (16)
+//   6  u16 nlmsg_flags  NLM_F_REQUEST
+//   8  u32 nlmsg_seq    caller's sequence number
+//   12 u32 nlmsg_pid    0 (the kernel fills in the sender's port)
+//   16 u32 disc         new local discriminator
+//   20 u32 min_rx       new minimum receive interval, us
+//   24 u32 src_ip       new source address, host-order integer
+//   28 u8  adminDown    0 up, 1 administratively down
+//   29 u8[3]            zero
+//
+// The daemon applies all four values of every message and answers nothing,
+// so an agent has to send the complete configuration each time.
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "reflector.h"
+
+constexpr std::size_t NLCTL_MSG_LEN = 16 + sizeof(reflector_nl_config);  // header + payload
+static_assert(NLCTL_MSG_LEN == 32);
+
+// The daemon's configuration as the agent gives it; host order throughout.
+struct nlctl_config {
+	std::uint32_t disc = 0;    // nonzero
+	std::uint32_t min_rx = 0;  // us
+	std::uint32_t src_ip = 0;  // a.b.c.d with a the top byte; not 0.0.0.0
+	bool admin_down = false;
+};
+
+// Encodes `c` as the one message above.
+std::array<std::uint8_t, NLCTL_MSG_LEN> nlctl_encode(const nlctl_config &c, std::uint32_t seq);
+
+// Parses a decimal number in [lo, hi] (no sign, no blanks, no trailing text).
+// Returns false, with a message in *err, otherwise.
+bool nlctl_parse_u32(const char *text, std::uint32_t lo, std::uint32_t hi, std::uint32_t *out,
+		     std::string *err);
+
+// Parses a dotted-quad IPv4 address into a host-order integer; 0.0.0.0 and
+// 255.255.255.255 are refused (the daemon cannot send from them).
+bool nlctl_parse_ipv4(const char *text, std::uint32_t *host_order, std::string *err);
+
+// Reads the daemon's pid from `path` (one decimal number and a newline, as
+// the daemon writes it). Returns false with a message in *err.
+bool nlctl_read_pidfile(const char *path, pid_t *pid, std::string *err);
+
+constexpr int NLCTL_OK = 0;
+constexpr int NLCTL_ERR_NO_PROCESS = 1;  // no process of that pid
+constexpr int NLCTL_ERR_NO_PORT = 2;     // nobody bound netlink port `pid` (ECONNREFUSED)
+constexpr int NLCTL_ERR_SYSTEM = 3;      // socket, namespace or send failure
+
+// Sends `msg` to netlink port `pid` from a NETLINK_USERSOCK socket created in
+// network namespace `netns` ("default": the caller's). Returns NLCTL_OK or a
+// code above, with a message in *err.
+int nlctl_send(pid_t pid, const char *netns, const std::array<std::uint8_t, NLCTL_MSG_LEN> &msg,
+	       std::string *err);

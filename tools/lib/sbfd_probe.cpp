@@ -1,0 +1,584 @@
+// sbfd_probe.cpp -- S-BFD initiator: control packet codec, frame builder and
+// parser, and the probe loop of sbfd-ping.
+//
+// The probe loop owns one UDP socket (bound to an ephemeral port, where the
+// replies come back) and, for labelled probes, one packet socket bound to the
+// chosen interface. Time is taken from CLOCK_MONOTONIC only.
+#include "sbfd_probe.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <sstream>
+
+#include "unique_fd.h"
+
+namespace {
+
+void put16(std::uint8_t *p, std::uint16_t v)
+{
+	p[0] = static_cast<std::uint8_t>(v >> 8);
+	p[1] = static_cast<std::uint8_t>(v);
+}
+
+void put32(std::uint8_t *p, std::uint32_t v)
+{
+	put16(p, static_cast<std::uint16_t>(v >> 16));
+	put16(p + 2, static_cast<std::uint16_t>(v));
+}
+
+std::uint16_t get16(const std::uint8_t *p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
+
+std::uint32_t get32(const std::uint8_t *p)
+{
+	return static_cast<std::uint32_t>(get16(p)) << 16 | get16(p + 2);
+}
+
+std::string ip_text(std::uint32_t addr_net)
+{
+	char buf[INET_ADDRSTRLEN];
+	in_addr a{addr_net};
+	inet_ntop(AF_INET, &a, buf, sizeof buf);
+	return buf;
+}
+
+double mono_ms()
+{
+	timespec ts;
+	clock_gettime(CLOCK_MONOTONIC, &ts);
+	return static_cast<double>(ts.tv_sec) * 1e3 + static_cast<double>(ts.tv_nsec) / 1e6;
+}
+
+std::string errno_text(const char *what, int e) { return std::string(what) + ": " + std::strerror(e); }
+
+}  // namespace
+
+// ---- control packets ----
+
+void probe_encode_request(const probe_params &p, std::uint8_t out[BFD_PKT_LEN])
+{
+	out[0] = static_cast<std::uint8_t>(BFD_VERSION << 5 | (p.diag & 0x1f));
+	out[1] = static_cast<std::uint8_t>((p.state & 3) << 6 | BFD_FLAG_D | (p.poll ? BFD_FLAG_P : 0));
+	out[2] = p.multiplier;
+	out[3] = BFD_PKT_LEN;
+	put32(out + 4, p.my_disc);
+	put32(out + 8, p.your_disc);
+	put32(out + 12, p.min_tx_us);
+	put32(out + 16, p.min_rx_us);
+	put32(out + 20, p.min_echo_rx_us);
+}
+
+bool probe_decode(std::span<const std::uint8_t> buf, bfd_ctrl_pkt *pkt)
+{
+	if (buf.size() < BFD_PKT_LEN)
+		return false;
+	std::memcpy(pkt, buf.data(), BFD_PKT_LEN);
+	return true;
+}
+
+const char *probe_state_name(std::uint8_t state)
+{
+	switch (static_cast<bfd_state>(state)) {
+	case BFD_STATE_ADMIN_DOWN: return "AdminDown";
+	case BFD_STATE_DOWN: return "Down";
+	case BFD_STATE_INIT: return "Init";
+	case BFD_STATE_UP: return "Up";
+	}
+	return "unknown";
+}
+
+const char *probe_diag_name(std::uint8_t diag)
+{
+	// RFC 5880 section 4.1, Diagnostic codes 0..8.
+	static const char *const names[] = {
+		"No Diagnostic",
+		"Control Detection Time Expired",
+		"Echo Function Failed",
+		"Neighbor Signaled Session Down",
+		"Forwarding Plane Reset",
+		"Path Down",
+		"Concatenated Path Down",
+		"Administratively Down",
+		"Reverse Concatenated Path Down",
+	};
+	return diag < std::size(names) ? names[diag] : "unknown";
+}
+
+std::string probe_flags_text(std::uint8_t flags)
+{
+	static const struct {
+		std::uint8_t bit;
+		char letter;
+	} bits[] = {{BFD_FLAG_P, 'P'}, {BFD_FLAG_F, 'F'}, {BFD_FLAG_C, 'C'},
+		    {BFD_FLAG_A, 'A'}, {BFD_FLAG_D, 'D'}, {BFD_FLAG_M, 'M'}};
+	std::string s;
+	for (const auto &b : bits)
+		if (flags & b.bit)
+			s += b.letter;
+	return s.empty() ? "-" : s;
+}
+
+std::string probe_format_reply(const bfd_ctrl_pkt &pkt, std::size_t len, const sockaddr_in &from,
+			       std::uint32_t seq, double rtt_ms)
+{
+	char buf[512];
+	int n = std::snprintf(
+		buf, sizeof buf,
+		"%zu bytes from %s:%u: seq=%u state=%s diag=%u (%s) flags=%s mult=%u len=%u "
+		"my_disc=%u your_disc=%u min_tx=%u min_rx=%u min_echo_rx=%u",
+		len, ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port), seq,
+		probe_state_name(bfd_state_of(pkt)), bfd_diag(pkt), probe_diag_name(bfd_diag(pkt)),
+		probe_flags_text(pkt.flags).c_str(), pkt.detect_multiplier, pkt.length, ntohl(pkt.my_disc),
+		ntohl(pkt.your_disc), ntohl(pkt.min_tx_interval), ntohl(pkt.min_rx_interval),
+		ntohl(pkt.min_echo_rx_interval));
+	std::string s(buf, static_cast<std::size_t>(n));
+	if (bfd_version(pkt) != BFD_VERSION)
+		s += " version=" + std::to_string(bfd_version(pkt));
+	if (rtt_ms >= 0) {
+		std::snprintf(buf, sizeof buf, " time=%.3f ms", rtt_ms);
+		s += buf;
+	}
+	return s;
+}
+
+// ---- frames ----
+
+std::uint16_t probe_checksum(std::span<const std::uint8_t> data, std::uint32_t sum)
+{
+	std::size_t i = 0;
+	for (; i + 1 < data.size(); i += 2)
+		sum += get16(&data[i]);
+	if (i < data.size())
+		sum += static_cast<std::uint32_t>(data[i]) << 8;
+	while (sum >> 16)
+		sum = (sum & 0xffff) + (sum >> 16);
+	return static_cast<std::uint16_t>(~sum);
+}
+
+std::vector<std::uint8_t> probe_frame_build(const frame_spec &spec,
+					    std::span<const std::uint8_t> payload)
+{
+	const std::size_t ihl_bytes = IPV4_HDR_LEN + spec.ip_options.size();
+	const std::size_t udp_len = UDP_HDR_LEN + payload.size();
+	const std::size_t ip_off = ETH_HDR_LEN + MPLS_ENTRY_LEN * spec.labels.size();
+	std::vector<std::uint8_t> f(ip_off + ihl_bytes + udp_len, 0);
+
+	// Ethernet header, then the label stack, bottom-of-stack on the last entry.
+	std::memcpy(&f[0], spec.dst_mac, 6);
+	std::memcpy(&f[6], spec.src_mac, 6);
+	put16(&f[12], spec.labels.empty() ? ETH_TYPE_IPV4 : ETH_TYPE_MPLS);
+	for (std::size_t i = 0; i < spec.labels.size(); i++) {
+		std::uint32_t bos = i + 1 == spec.labels.size() ? 0x100 : 0;
+		put32(&f[ETH_HDR_LEN + 4 * i], (spec.labels[i] & 0xfffff) << 12 | bos | spec.mpls_ttl);
+	}
+
+	// IPv4 header with its checksum.
+	std::uint8_t *ip = &f[ip_off];
+	ip[0] = static_cast<std::uint8_t>(0x40 | ihl_bytes / 4);
+	ip[1] = spec.tos;
+	put16(ip + 2, static_cast<std::uint16_t>(ihl_bytes + udp_len));
+	put16(ip + 4, spec.ip_id);
+	put16(ip + 6, spec.frag);
+	ip[8] = spec.ip_ttl;
+	ip[9] = spec.ip_proto;
+	put32(ip + 12, spec.src_ip);
+	put32(ip + 16, spec.dst_ip);
+	if (!spec.ip_options.empty())
+		std::memcpy(ip + IPV4_HDR_LEN, spec.ip_options.data(), spec.ip_options.size());
+	put16(ip + 10, probe_checksum({ip, ihl_bytes}));
+
+	// UDP header and payload; the checksum covers the pseudo-header (RFC 768).
+	std::uint8_t *udp = ip + ihl_bytes;
+	put16(udp, spec.src_port);
+	put16(udp + 2, spec.dst_port);
+	put16(udp + 4, static_cast<std::uint16_t>(udp_len));
+	if (!payload.empty())
+		std::memcpy(udp + UDP_HDR_LEN, payload.data(), payload.size());
+	if (spec.ip_proto == IP_PROTO_UDP && (spec.frag & 0x3fff) == 0) {
+		std::uint32_t pseudo = (spec.src_ip >> 16) + (spec.src_ip & 0xffff) + (spec.dst_ip >> 16) +
+				       (spec.dst_ip & 0xffff) + IP_PROTO_UDP + static_cast<std::uint32_t>(udp_len);
+		std::uint16_t c = probe_checksum({udp, udp_len}, pseudo);
+		put16(udp + 6, c == 0 ? 0xffff : c);
+	}
+	return f;
+}
+
+bool probe_frame_parse(std::span<const std::uint8_t> frame, frame_view *v)
+{
+	*v = frame_view{};
+	if (frame.size() < ETH_HDR_LEN)
+		return false;
+	v->ethertype = get16(&frame[12]);
+	std::size_t off = ETH_HDR_LEN;
+	if (v->ethertype == ETH_TYPE_MPLS) {
+		for (;;) {
+			if (frame.size() < off + MPLS_ENTRY_LEN)
+				return false;
+			std::uint32_t e = get32(&frame[off]);
+			v->label_entries.push_back(e);
+			off += MPLS_ENTRY_LEN;
+			if (e & 0x100)
+				break;
+		}
+	} else if (v->ethertype != ETH_TYPE_IPV4) {
+		return false;
+	}
+	if (frame.size() < off + IPV4_HDR_LEN || (frame[off] >> 4) != 4)
+		return false;
+	const std::uint8_t *ip = &frame[off];
+	std::size_t ihl_bytes = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
+	v->tos = ip[1];
+	v->frag = get16(ip + 6);
+	v->ttl = ip[8];
+	v->proto = ip[9];
+	v->src_ip = get32(ip + 12);
+	v->dst_ip = get32(ip + 16);
+	if (v->proto != IP_PROTO_UDP || ihl_bytes < IPV4_HDR_LEN ||
+	    frame.size() < off + ihl_bytes + UDP_HDR_LEN)
+		return false;
+	const std::uint8_t *udp = ip + ihl_bytes;
+	v->src_port = get16(udp);
+	v->dst_port = get16(udp + 2);
+	std::size_t udp_len = get16(udp + 4);
+	std::size_t avail = frame.size() - off - ihl_bytes;
+	if (udp_len < UDP_HDR_LEN || udp_len > avail)
+		return false;
+	v->payload = frame.subspan(off + ihl_bytes + UDP_HDR_LEN, udp_len - UDP_HDR_LEN);
+	return true;
+}
+
+bool probe_parse_mac(const char *text, std::uint8_t mac[6])
+{
+	unsigned b[6];
+	char tail;
+	if (std::sscanf(text, "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
+			&tail) != 6 ||
+	    std::strlen(text) != 17)
+		return false;
+	for (int i = 0; i < 6; i++)
+		mac[i] = static_cast<std::uint8_t>(b[i]);
+	return true;
+}
+
+// ---- the probe loop ----
+
+namespace {
+
+// Address the kernel would use as source towards `target` (route lookup by connect).
+bool route_source(in_addr target, in_addr *src, std::string *err)
+{
+	unique_fd fd{socket(AF_INET, SOCK_DGRAM, 0)};
+	sockaddr_in a{};
+	a.sin_family = AF_INET;
+	a.sin_port = htons(SBFD_PORT);
+	a.sin_addr = target;
+	if (fd.get() < 0 || connect(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+		*err = errno_text("no route to the target", errno);
+		return false;
+	}
+	socklen_t len = sizeof a;
+	getsockname(fd.get(), reinterpret_cast<sockaddr *>(&a), &len);
+	*src = a.sin_addr;
+	return true;
+}
+
+// Next hop towards `target` on `ifname` from /proc/net/route (longest prefix):
+// the gateway, or the target itself when it is on the link.
+std::uint32_t next_hop(const std::string &ifname, std::uint32_t target_net)
+{
+	std::ifstream in("/proc/net/route");
+	std::string line;
+	std::getline(in, line);  // column titles
+	int best_len = -1;
+	std::uint32_t hop = target_net;
+	while (std::getline(in, line)) {
+		std::istringstream ls(line);
+		std::string iface;
+		unsigned dst, gw, flags, refcnt, use, metric, mask;
+		ls >> iface >> std::hex >> dst >> gw >> flags >> std::dec >> refcnt >> use >> metric >>
+			std::hex >> mask;
+		if (!ls || iface != ifname || (target_net & mask) != dst)
+			continue;
+		int len = __builtin_popcount(mask);
+		if (len > best_len) {
+			best_len = len;
+			hop = gw != 0 ? gw : target_net;
+		}
+	}
+	return hop;
+}
+
+// The complete neighbour entry of `ip_net` on `ifname` in /proc/net/arp.
+bool arp_lookup(const std::string &ifname, std::uint32_t ip_net, std::uint8_t mac[6])
+{
+	std::ifstream in("/proc/net/arp");
+	std::string line, want = ip_text(ip_net);
+	std::getline(in, line);
+	while (std::getline(in, line)) {
+		std::istringstream ls(line);
+		std::string ip, hwtype, flags, hw, mask, dev;
+		ls >> ip >> hwtype >> flags >> hw >> mask >> dev;
+		if (ip == want && dev == ifname && (std::stoul(flags, nullptr, 16) & 0x2) &&
+		    probe_parse_mac(hw.c_str(), mac))
+			return true;
+	}
+	return false;
+}
+
+struct prober {
+	const ping_options &opt;
+	std::FILE *out;
+	ping_stats *st;
+	unique_fd udp;
+	unique_fd raw;
+	sockaddr_in local{};
+	sockaddr_ll ll{};
+	frame_spec spec;
+	std::uint8_t req[BFD_PKT_LEN]{};
+
+	int setup(std::string *err);
+	bool send_one(std::string *err);
+	void receive(std::deque<std::pair<std::uint32_t, double>> *waiting);
+};
+
+int prober::setup(std::string *err)
+{
+	probe_encode_request(opt.params, req);
+	in_addr src{};
+	if (opt.source)
+		src = *opt.source;
+	else if (!route_source(opt.target, &src, err))
+		return PING_ERR_SETUP;
+
+	// The UDP socket: its ephemeral port is where replies come back.
+	udp = unique_fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+	if (udp.get() < 0) {
+		*err = errno_text("socket", errno);
+		return PING_ERR_SETUP;
+	}
+	local.sin_family = AF_INET;
+	local.sin_addr = src;
+	if (bind(udp.get(), reinterpret_cast<sockaddr *>(&local), sizeof local) != 0) {
+		*err = errno_text(("bind " + ip_text(src.s_addr)).c_str(), errno);
+		return PING_ERR_SETUP;
+	}
+	socklen_t len = sizeof local;
+	getsockname(udp.get(), reinterpret_cast<sockaddr *>(&local), &len);
+	if (opt.mpls_iface.empty())
+		return PING_OK;
+
+	// Labelled probes: a packet socket on the interface, and the next hop's MAC.
+	unsigned ifindex = if_nametoindex(opt.mpls_iface.c_str());
+	if (ifindex == 0) {
+		*err = "no interface " + opt.mpls_iface;
+		return PING_ERR_SETUP;
+	}
+	raw = unique_fd{socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0)};
+	if (raw.get() < 0) {
+		*err = errno_text("packet socket (needs CAP_NET_RAW)", errno);
+		return PING_ERR_SETUP;
+	}
+	ifreq ifr{};
+	std::snprintf(ifr.ifr_name, sizeof ifr.ifr_name, "%s", opt.mpls_iface.c_str());
+	if (ioctl(raw.get(), SIOCGIFHWADDR, &ifr) != 0) {
+		*err = errno_text("SIOCGIFHWADDR", errno);
+		return PING_ERR_SETUP;
+	}
+	std::memcpy(spec.src_mac, ifr.ifr_hwaddr.sa_data, 6);
+	if (opt.dst_mac) {
+		std::memcpy(spec.dst_mac, opt.dst_mac->data(), 6);
+	} else {
+		// Resolve through the neighbour table; a plain probe, whose reply
+		// is discarded, makes the kernel resolve it when it is not known.
+		std::uint32_t hop = next_hop(opt.mpls_iface, opt.target.s_addr);
+		if (!arp_lookup(opt.mpls_iface, hop, spec.dst_mac)) {
+			sockaddr_in dst{};
+			dst.sin_family = AF_INET;
+			dst.sin_port = htons(SBFD_PORT);
+			dst.sin_addr = opt.target;
+			sendto(udp.get(), req, sizeof req, 0, reinterpret_cast<sockaddr *>(&dst), sizeof dst);
+			bool found = false;
+			for (int i = 0; i < 100 && !found; i++) {
+				usleep(10000);
+				found = arp_lookup(opt.mpls_iface, hop, spec.dst_mac);
+			}
+			if (!found) {
+				*err = "cannot resolve the next hop " + ip_text(hop) + " on " + opt.mpls_iface +
+				       " (give --dst-mac)";
+				return PING_ERR_SETUP;
+			}
+			// Drop the priming probe's reply, if it came, so it is not matched.
+			pollfd p{udp.get(), POLLIN, 0};
+			if (poll(&p, 1, static_cast<int>(opt.timeout_s * 1000)) == 1) {
+				std::uint8_t junk[64];
+				recv(udp.get(), junk, sizeof junk, MSG_DONTWAIT);
+			}
+		}
+	}
+	spec.labels = {0};
+	spec.src_ip = ntohl(local.sin_addr.s_addr);
+	spec.dst_ip = ntohl(opt.target.s_addr);
+	spec.src_port = ntohs(local.sin_port);
+	ll.sll_family = AF_PACKET;
+	ll.sll_protocol = htons(ETH_TYPE_MPLS);
+	ll.sll_ifindex = static_cast<int>(ifindex);
+	ll.sll_halen = 6;
+	std::memcpy(ll.sll_addr, spec.dst_mac, 6);
+	return PING_OK;
+}
+
+bool prober::send_one(std::string *err)
+{
+	ssize_t n;
+	if (raw.get() >= 0) {
+		spec.ip_id = static_cast<std::uint16_t>(st->sent + 1);
+		std::vector<std::uint8_t> f = probe_frame_build(spec, req);
+		n = sendto(raw.get(), f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&ll), sizeof ll);
+	} else {
+		sockaddr_in dst{};
+		dst.sin_family = AF_INET;
+		dst.sin_port = htons(SBFD_PORT);
+		dst.sin_addr = opt.target;
+		n = sendto(udp.get(), req, sizeof req, 0, reinterpret_cast<sockaddr *>(&dst), sizeof dst);
+	}
+	if (n < 0) {
+		*err = errno_text("sendto", errno);
+		return false;
+	}
+	return true;
+}
+
+void prober::receive(std::deque<std::pair<std::uint32_t, double>> *waiting)
+{
+	std::uint8_t buf[1500];
+	sockaddr_in from{};
+	socklen_t flen = sizeof from;
+	ssize_t n = recvfrom(udp.get(), buf, sizeof buf, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from),
+			     &flen);
+	double now = mono_ms();
+	if (n < 0)
+		return;
+	std::size_t len = static_cast<std::size_t>(n);
+	bfd_ctrl_pkt pkt;
+	if (!probe_decode({buf, len}, &pkt)) {
+		st->foreign++;
+		if (!opt.quiet)
+			std::fprintf(out, "%zd bytes from %s:%u: too short for a control packet\n", n,
+				     ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port));
+		return;
+	}
+	if (ntohl(pkt.your_disc) != opt.params.my_disc) {
+		st->foreign++;
+		if (!opt.quiet)
+			std::fprintf(out, "%s (not for us)\n", probe_format_reply(pkt, len, from, 0, -1).c_str());
+		return;
+	}
+	if (waiting->empty()) {
+		st->late++;
+		if (!opt.quiet)
+			std::fprintf(out, "%s (late)\n", probe_format_reply(pkt, len, from, 0, -1).c_str());
+		return;
+	}
+	auto [seq, t] = waiting->front();
+	waiting->pop_front();
+	double rtt = now - t;
+	if (st->received == 0 || rtt < st->rtt_min_ms)
+		st->rtt_min_ms = rtt;
+	if (rtt > st->rtt_max_ms)
+		st->rtt_max_ms = rtt;
+	st->rtt_sum_ms += rtt;
+	st->rtt_sum2_ms += rtt * rtt;
+	st->received++;
+	if (!opt.quiet)
+		std::fprintf(out, "%s\n", probe_format_reply(pkt, len, from, seq, rtt).c_str());
+}
+
+}  // namespace
+
+int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::string *err,
+	     const volatile std::sig_atomic_t *stop)
+{
+	*stats = ping_stats{};
+	prober p{opt, out, stats, {}, {}, {}, {}, {}, {}};
+	if (int rc = p.setup(err); rc != PING_OK)
+		return rc;
+
+	std::fprintf(out, "SBFD-PING %s:%u from %s:%u%s%s: my_disc=%u your_disc=%u state=%s\n",
+		     ip_text(opt.target.s_addr).c_str(), SBFD_PORT, ip_text(p.local.sin_addr.s_addr).c_str(),
+		     ntohs(p.local.sin_port), opt.mpls_iface.empty() ? "" : " label 0 via ",
+		     opt.mpls_iface.c_str(), opt.params.my_disc, opt.params.your_disc,
+		     probe_state_name(opt.params.state));
+	std::fflush(out);
+
+	// One pass per event: expire old probes, send when due, wait for a reply
+	// or the next deadline.
+	std::deque<std::pair<std::uint32_t, double>> waiting;  // (seq, send time), oldest first
+	const double start = mono_ms();
+	const double interval_ms = opt.interval_s * 1e3, timeout_ms = opt.timeout_s * 1e3;
+	double next_send = start;
+	while (!(stop && *stop)) {
+		double now = mono_ms();
+		while (!waiting.empty() && now - waiting.front().second >= timeout_ms)
+			waiting.pop_front();
+		bool more = opt.count == 0 || stats->sent < opt.count;
+		if (more && now >= next_send) {
+			std::uint32_t seq = static_cast<std::uint32_t>(stats->sent + 1);
+			if (!p.send_one(err)) {
+				if (stats->sent == 0)
+					return PING_ERR_SETUP;
+				std::fprintf(out, "seq=%u: %s\n", seq, err->c_str());
+			}
+			stats->sent++;
+			waiting.emplace_back(seq, now);
+			next_send += interval_ms;
+			more = opt.count == 0 || stats->sent < opt.count;
+		}
+		if (!more && waiting.empty())
+			break;
+		double deadline = more ? next_send : now + timeout_ms;
+		if (!waiting.empty())
+			deadline = std::min(deadline, waiting.front().second + timeout_ms);
+		double wait = std::max(0.0, deadline - mono_ms());
+		timespec ts{static_cast<time_t>(wait / 1e3), static_cast<long>(std::fmod(wait, 1e3) * 1e6)};
+		pollfd pfd{p.udp.get(), POLLIN, 0};
+		if (ppoll(&pfd, 1, &ts, nullptr) == 1)
+			p.receive(&waiting);
+	}
+	stats->elapsed_ms = mono_ms() - start;
+	std::fflush(out);
+	return PING_OK;
+}
+
+void ping_print_summary(const ping_options &opt, const ping_stats &st, std::FILE *out)
+{
+	double loss = st.sent ? 100.0 * static_cast<double>(st.sent - st.received) / static_cast<double>(st.sent) : 0;
+	std::fprintf(out, "\n--- %s sbfd-ping statistics ---\n", ip_text(opt.target.s_addr).c_str());
+	std::fprintf(out, "%llu packets transmitted, %llu received, %g%% packet loss, time %.0fms",
+		     static_cast<unsigned long long>(st.sent), static_cast<unsigned long long>(st.received),
+		     loss, st.elapsed_ms);
+	if (st.late)
+		std::fprintf(out, ", %llu late", static_cast<unsigned long long>(st.late));
+	if (st.foreign)
+		std::fprintf(out, ", %llu other", static_cast<unsigned long long>(st.foreign));
+	std::fprintf(out, "\n");
+	if (st.received) {
+		double n = static_cast<double>(st.received);
+		double avg = st.rtt_sum_ms / n;
+		double mdev = std::sqrt(std::max(0.0, st.rtt_sum2_ms / n - avg * avg));
+		std::fprintf(out, "rtt min/avg/max/mdev = %.3f/%.3f/%.3f/%.3f ms\n", st.rtt_min_ms, avg,
+			     st.rtt_max_ms, mdev);
+	}
+	std::fflush(out);
+}
