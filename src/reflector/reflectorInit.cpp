@@ -1,4 +1,31 @@
-// reflectorInit.cpp -- placeholder until the start-up path lands.
+// reflectorInit.cpp -- builds the daemon's one context: the event base, the
+// empty session buckets, the shared session store, the session table, and
+// every socket with its kernel filter and read event.
+//
+// Runs once at start-up on the only thread, before the event loop;
+// init_out_socket runs again from the netlink callback when the source
+// address changes. Owns: the process-wide globals (DEFAULT_NS, reflector_cfg,
+// bl_handle) and the two filter programs. Invariants: every socket is made
+// through netnsSocketAt in vrf->name; a descriptor is stored in the context
+// before it is tested; a failure returns at once and leaves what it made in
+// the context for vrf_init's teardown.
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <netinet/in.h>
+#include <netinet/ip.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <event2/event.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "ensure.h"
+#include "netns.h"
 #include "reflector.h"
 #include "trace.h"
 
@@ -6,9 +33,312 @@ const char *const DEFAULT_NS = "default";
 reflector_config reflector_cfg;
 bl_log *bl_handle;
 
-reflector_vrf *vrf_init() { return nullptr; }
-int reflector_init(reflector_vrf *) { return 0; }
-int init_socket(reflector_vrf *) { return 0; }
-int init_out_socket(reflector_vrf *) { return 0; }
-void shm_store_name(char name[SHM_NAME_LEN], const char *) { name[0] = 0; }
-const char *bfd_state_name(std::uint8_t) { return "unknown"; }
+namespace {
+
+constexpr int SHM_MODE = 0644;  // owner read/write, others may map it for reading
+constexpr int OUT_TOS = 0xC0;   // IP precedence 6 (DSCP CS6), as for routing control traffic
+constexpr int OUT_TTL = 255;    // the maximum, so single-hop peers can check it (RFC 5881 section 5)
+constexpr short READ_EVENT = EV_READ | EV_PERSIST;
+static_assert(READ_EVENT == 0x12);
+
+// EtherTypes as packet-socket protocols, network byte order.
+constexpr std::uint16_t ETH_P_IPV4_BE = __builtin_bswap16(0x0800);
+constexpr std::uint16_t ETH_P_MPLS_BE = __builtin_bswap16(0x8847);
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the constants above assume it");
+
+}  // namespace
+
+// The filters read the frame from its Ethernet header on; offsets are bytes
+// from the frame's start. Opcodes: 0x28 ld half abs, 0x30 ld byte abs, 0x20
+// ld word abs, 0x48 ld half ind (X + k), 0xb1 ldx 4*(byte & 0xf), 0x15 jeq k,
+// 0x45 jset k, 0x54 and k, 0x06 ret k. A load beyond the frame drops it.
+const sock_filter sbfd_udp_filter[16] = {
+	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
+	{0x15, 0, 4, 0x000086dd},   // 1: IPv6? 2 : 6
+	{0x30, 0, 0, 0x00000014},   // 2: A = IPv6 Next Header
+	{0x15, 0, 11, 0x00000011},  // 3: UDP? 4 : 15
+	{0x28, 0, 0, 0x00000038},   // 4: A = UDP destination port (40-byte IPv6 header)
+	{0x15, 8, 9, 0x00001e68},   // 5: 7784? 14 : 15
+	{0x15, 0, 8, 0x00000800},   // 6: IPv4? 7 : 15
+	{0x30, 0, 0, 0x00000017},   // 7: A = IPv4 Protocol
+	{0x15, 0, 6, 0x00000011},   // 8: UDP? 9 : 15
+	{0x28, 0, 0, 0x00000014},   // 9: A = flags and fragment offset
+	{0x45, 4, 0, 0x00001fff},   // 10: non-first fragment? 15 : 11
+	{0xb1, 0, 0, 0x0000000e},   // 11: X = IPv4 header length
+	{0x48, 0, 0, 0x00000010},   // 12: A = UDP destination port (X + 16)
+	{0x15, 0, 1, 0x00001e68},   // 13: 7784? 14 : 15
+	{0x06, 0, 0, 0x0000ffff},   // 14: accept up to 65535 bytes
+	{0x06, 0, 0, 0x00000000},   // 15: drop
+};
+
+const sock_filter sbfd_mpls_filter[30] = {
+	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
+	{0x15, 0, 27, 0x00008847},  // 1: MPLS unicast? 2 : 29
+	{0x20, 0, 0, 0x0000000e},   // 2: A = first label stack entry
+	{0x45, 25, 0, 0xfffff000},  // 3: label != 0? 29 : 4
+	{0x30, 0, 0, 0x00000010},   // 4: A = byte 16 (TC, bottom of stack)
+	{0x54, 0, 0, 0x00000001},   // 5: A &= bottom-of-stack bit
+	{0x15, 0, 22, 0x00000001},  // 6: one label only? 7 : 29
+	{0x30, 0, 0, 0x00000012},   // 7: A = IP version / header length
+	{0x54, 0, 0, 0x000000f0},   // 8: A &= version nibble
+	{0x15, 0, 6, 0x00000060},   // 9: IPv6? 10 : 16
+	{0x30, 0, 0, 0x00000018},   // 10: A = IPv6 Next Header
+	{0x15, 2, 0, 0x00000084},   // 11: SCTP? 14 : 12
+	{0x15, 1, 0, 0x00000006},   // 12: TCP? 14 : 13
+	{0x15, 0, 15, 0x00000011},  // 13: UDP? 14 : 29
+	{0x28, 0, 0, 0x0000003c},   // 14: A = destination port (40-byte IPv6 header)
+	{0x15, 12, 13, 0x00001e68}, // 15: 7784? 28 : 29
+	{0x30, 0, 0, 0x00000012},   // 16: A = IP version / header length
+	{0x54, 0, 0, 0x000000f0},   // 17: A &= version nibble
+	{0x15, 0, 10, 0x00000040},  // 18: IPv4? 19 : 29
+	{0x30, 0, 0, 0x0000001b},   // 19: A = IPv4 Protocol
+	{0x15, 2, 0, 0x00000084},   // 20: SCTP? 23 : 21
+	{0x15, 1, 0, 0x00000006},   // 21: TCP? 23 : 22
+	{0x15, 0, 6, 0x00000011},   // 22: UDP? 23 : 29
+	{0x28, 0, 0, 0x00000018},   // 23: A = flags and fragment offset
+	{0x45, 4, 0, 0x00001fff},   // 24: non-first fragment? 29 : 25
+	{0xb1, 0, 0, 0x00000012},   // 25: X = IPv4 header length
+	{0x48, 0, 0, 0x00000014},   // 26: A = destination port (X + 20)
+	{0x15, 0, 1, 0x00001e68},   // 27: 7784? 28 : 29
+	{0x06, 0, 0, 0x0000ffff},   // 28: accept up to 65535 bytes
+	{0x06, 0, 0, 0x00000000},   // 29: drop
+};
+static_assert(sizeof sbfd_udp_filter / sizeof sbfd_udp_filter[0] == SBFD_UDP_FILTER_LEN);
+static_assert(sizeof sbfd_mpls_filter / sizeof sbfd_mpls_filter[0] == SBFD_MPLS_FILTER_LEN);
+static_assert(sizeof(sock_filter) == 8 && sizeof(sock_fprog) == 16);
+
+const char *bfd_state_name(std::uint8_t state)
+{
+	switch (static_cast<bfd_state>(state)) {
+	case BFD_STATE_ADMIN_DOWN:
+		return "AdminDown";
+	case BFD_STATE_DOWN:
+		return "Down";
+	case BFD_STATE_INIT:
+		return "Init";
+	case BFD_STATE_UP:
+		return "Up";
+	}
+	return "unknown";
+}
+
+void shm_store_name(char name[SHM_NAME_LEN], const char *nspath)
+{
+	constexpr std::size_t PREFIX_LEN = sizeof SHM_NAME_PREFIX - 1;  // 14
+	std::memset(name, 0, SHM_NAME_LEN);
+	std::memcpy(name, SHM_NAME_PREFIX, PREFIX_LEN);
+	if (nspath == nullptr)
+		return;
+	// At most 241 characters, into bytes 14..254: byte 255 stays the terminator.
+	std::size_t n = strnlen(nspath, SHM_NSPATH_MAX);
+	for (std::size_t i = 0; i < n; i++)
+		name[PREFIX_LEN + i] = nspath[i] == '/' ? '-' : nspath[i];
+}
+
+namespace {
+
+// Maps the shared session store named after NSPATH into vrf->shm, cleared
+// unless reflector_cfg.persist. Returns 0, or -1 after tracing the step.
+int shm_store_setup(reflector_vrf *vrf)
+{
+	char name[SHM_NAME_LEN];
+	shm_store_name(name, std::getenv("NSPATH"));
+
+	int fd = shm_open(name, O_RDWR | O_CREAT, SHM_MODE);
+	if (fd < 0) {
+		TRACE(TRACE_ERROR, "ERROR: reflector shared memory init failed");
+		return -1;
+	}
+	// Also cuts or zero-extends an object left at another size.
+	if (ftruncate(fd, static_cast<off_t>(SHM_SIZE)) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: reflector shared memory ftruncate() failed");
+		close(fd);
+		return -1;
+	}
+	void *map = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+	close(fd);  // the mapping keeps the object
+	if (map == MAP_FAILED) {
+		TRACE(TRACE_ERROR, "ERROR: reflector shared memory mmap() failed");
+		return -1;
+	}
+	vrf->shm = static_cast<reflector_shm *>(map);
+	if (!reflector_cfg.persist)
+		std::memset(vrf->shm, 0, SHM_SIZE);
+	return 0;
+}
+
+// Undoes what vrf_init made, as far as the process needs before it ends:
+// the other sockets, events and the mapping go with the process.
+reflector_vrf *vrf_teardown(reflector_vrf *vrf)
+{
+	if (vrf->infd != 0) {
+		close(vrf->infd);
+		vrf->infd = 0;
+	}
+	if (vrf->event != nullptr) {
+		event_free(vrf->event);
+		vrf->event = nullptr;
+	}
+	if (vrf->base != nullptr)
+		event_base_free(vrf->base);
+	if (vrf->rx_sess != nullptr)
+		std::free(vrf->rx_sess);
+	std::free(vrf);
+	return nullptr;
+}
+
+// Attaches a constant filter program to a packet socket.
+int attach_filter(int fd, const sock_filter *prog, std::size_t len)
+{
+	sock_fprog fprog{};
+	fprog.len = static_cast<unsigned short>(len);
+	fprog.filter = const_cast<sock_filter *>(prog);  // the kernel copies it, never writes
+	return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
+}
+
+}  // namespace
+
+reflector_vrf *vrf_init()
+{
+	TRACE(TRACE_FUNC, "vrf_init");
+
+	auto *vrf = static_cast<reflector_vrf *>(std::calloc(1, sizeof(reflector_vrf)));
+	if (vrf == nullptr)
+		return nullptr;
+	vrf->name = DEFAULT_NS;
+	vrf->base = event_base_new();
+	for (list_link &bucket : vrf->hash_tbl)
+		list_init(&bucket);
+	list_init(&vrf->sess_cache);
+	list_init(&vrf->free_list);  // filled by session_table_setup
+	ENSURE(vrf->base);
+
+	if (shm_store_setup(vrf) != 0)
+		return vrf_teardown(vrf);
+	// Traces its own message on failure.
+	if (session_table_setup(vrf) != 0)
+		return vrf_teardown(vrf);
+	if (reflector_init(vrf) != INIT_OK) {
+		TRACE(TRACE_ERROR, "ERROR: reflector initialization failed");
+		return vrf_teardown(vrf);
+	}
+	return vrf;
+}
+
+int reflector_init(reflector_vrf *vrf)
+{
+	TRACE(TRACE_FUNC, "reflector_init");
+	return init_socket(vrf);
+}
+
+int init_socket(reflector_vrf *vrf)
+{
+	TRACE(TRACE_FUNC, "init_socket");
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: No vrf");
+		return INIT_ERR_NO_VRF;
+	}
+	// A daemon that cannot send opens no receive socket.
+	if (init_out_socket(vrf) != INIT_OK)
+		return INIT_ERR_SOCKET;
+
+	// IPv4 frames
+	vrf->infd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_IPV4_BE, vrf->name);
+	if (vrf->infd == -1) {
+		TRACE(TRACE_ERROR,
+		      "ERROR: Failed to create raw socket, netnsSocketAt() returns -1, errno %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	if (attach_filter(vrf->infd, sbfd_udp_filter, SBFD_UDP_FILTER_LEN) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to add UDP socket filter: %d\n", (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->event = event_new(vrf->base, vrf->infd, READ_EVENT, rx_data_ready, vrf);
+	ENSURE(vrf->event);
+	int rc = event_add(vrf->event, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+
+	// MPLS frames
+	vrf->mplsfd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_MPLS_BE, vrf->name);
+	if (vrf->mplsfd == -1) {
+		TRACE(TRACE_ERROR,
+		      "ERROR: Failed to create raw socket for mpls, netnsSocketAt() returns -1, errno %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	if (attach_filter(vrf->mplsfd, sbfd_mpls_filter, SBFD_MPLS_FILTER_LEN) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to add MPLS UDP socket filter: %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->eventMpls = event_new(vrf->base, vrf->mplsfd, READ_EVENT, rx_data_ready, vrf);
+	ENSURE(vrf->eventMpls);
+	rc = event_add(vrf->eventMpls, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+
+	// Netlink control channel: the controlling agent addresses us by pid.
+	// A failed creation is not tested here; it shows as a bind on -1 (EBADF).
+	vrf->nlfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, vrf->name);
+	sockaddr_nl nl_addr;
+	std::memset(&nl_addr, 0, sizeof nl_addr);
+	nl_addr.nl_family = AF_NETLINK;
+	nl_addr.nl_pid = static_cast<std::uint32_t>(getpid());
+	nl_addr.nl_groups = 0;
+	static_assert(sizeof nl_addr == 12);
+	rc = bind(vrf->nlfd, reinterpret_cast<const sockaddr *>(&nl_addr), sizeof nl_addr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: netlink bind() result %d, errno %d", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->eventNetlink = event_new(vrf->base, vrf->nlfd, READ_EVENT, rx_netlink_ready, vrf);
+	ENSURE(vrf->eventNetlink);
+	rc = event_add(vrf->eventNetlink, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() Netlink result %d, errno %d\n",
+		      (std::int32_t)rc, (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
+
+int init_out_socket(reflector_vrf *vrf)
+{
+	vrf->outfd = netnsSocketAt(AF_INET, SOCK_DGRAM, 0, vrf->name);
+	if (vrf->outfd == -1) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to create outfd, netnsSocketAt() returns -1, errno %d",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	int tos = OUT_TOS;
+	if (setsockopt(vrf->outfd, IPPROTO_IP, IP_TOS, &tos, sizeof tos) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to set IP_TOS, errno: %d", (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	int ttl = OUT_TTL;
+	if (setsockopt(vrf->outfd, IPPROTO_IP, IP_TTL, &ttl, sizeof ttl) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to set TTL, errno: %d", (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	sockaddr_in addr;
+	std::memset(&addr, 0, sizeof addr);
+	addr.sin_family = AF_INET;
+	addr.sin_port = htons(SBFD_PORT);
+	addr.sin_addr.s_addr = reflector_cfg.sourceIp;  // already network order
+	int rc = bind(vrf->outfd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: bind() result %d, errno %d", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
