@@ -1,0 +1,113 @@
+// shmstat.h -- reader of the reflector's shared session store for operators:
+// takes a private, consistent copy of the store, decides whether the object
+// can be a store at all, and renders counters and sessions as an aligned
+// text report, a JSON document or the node_exporter textfile format.
+//
+// The store's byte layout is the one of reflector.h (reflector_shm); this
+// reader never writes it. The daemon updates the store with plain stores and
+// no lock, so every function here works on a copy (shmstat_snapshot), never
+// on the mapping.
+//
+// "Not a store" rules (the store has no magic number, so an object is
+// rejected only when the daemon could never have left it so):
+//   size     the object is exactly SHM_SIZE (69720) bytes
+//   slots    in a slot in use (discriminator != 0): state, prev_state,
+//            tx_state and prev_tx_state <= 3; diag and tx_diag <= 31;
+//            version <= 7; demand, final and poll are 0 or 1; reserved is
+//            zero; each time stamp has tv_sec >= 0 and 0 <= tv_nsec < 1e9
+//   free     a free slot (discriminator 0) is all zero bytes      [cross]
+//   hash     rx_hash_trim <= rx_hash_miss, and rx_hash_hit + rx_hash_miss
+//            is at most the lookups of the current counting period:
+//            rx_valid_pkts below 512, else (rx_valid_pkts mod 512) + 1,
+//            or 512 at an exact multiple (the daemon counts the packet
+//            before it looks its session up)                      [cross]
+// Rules marked [cross] relate several fields; they are applied only to a
+// stable copy (two successive copies agreed), because a copy torn by a
+// concurrent write may mix two legitimate states.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "reflector.h"
+
+enum shmstat_status : int {
+	SHMSTAT_OK = 0,
+	SHMSTAT_NOT_FOUND = 1,    // no object of that name
+	SHMSTAT_NO_ACCESS = 2,    // the object exists but may not be read
+	SHMSTAT_OPEN_FAILED = 3,  // shm_open, fstat or mmap failed otherwise
+	SHMSTAT_WRONG_SIZE = 4,   // st_size != SHM_SIZE
+	SHMSTAT_NOT_A_STORE = 5,  // the contents break a "not a store" rule
+};
+const char *shmstat_status_name(shmstat_status status);
+
+// A private copy of the store and when it was taken.
+struct shmstat_snapshot {
+	reflector_shm store;  // copy of the whole region
+	shm_timestamp taken;  // CLOCK_REALTIME when the copy was taken
+	bool stable;          // two successive copies were identical
+};
+
+// Kinds of the header counters, in the order the reports show them.
+enum class shmstat_group { global, hash, rx_error, tx_error };
+
+// One header counter of the store.
+struct shmstat_counter {
+	const char *name;     // the field's name in reflector_shm
+	shmstat_group group;  // where reports list it
+	std::size_t offset;   // bytes from the start of the store
+	std::size_t size;     // bytes: 8 (u64) or 4 (u32); the counter wraps at that width
+	const char *help;     // one line for people and for HELP lines
+};
+
+// Every header counter in store order. When adding a counter to
+// reflector_shm, add it here (the static_assert in shmstat.cpp checks that
+// the sizes add up to the header).
+extern const std::array<shmstat_counter, 19> SHMSTAT_COUNTERS;
+
+// Value of counter `c` in `store`.
+std::uint64_t shmstat_counter_value(const shmstat_counter &c, const reflector_shm &store);
+
+// Object name the daemon would use: `object` when non-null (a leading "/"
+// is dropped), else the name shm_store_name builds from `nspath` (nullptr
+// or "" when the daemon runs without NSPATH).
+std::string shmstat_object_name(const char *object, const char *nspath);
+
+// Maps the object `name` read-only, copies it into `snap` (up to a few
+// attempts until two successive copies agree) and applies the "not a store"
+// rules. Returns SHMSTAT_OK, or another status with one line for the
+// operator in `*err`.
+// REQUIRES: snap and err are non-null.
+shmstat_status shmstat_read(const std::string &name, shmstat_snapshot *snap, std::string *err);
+
+// Applies the "not a store" rules to `store`; the [cross] rules only when
+// `cross` is true. Returns true when the contents may be a store, else
+// false with the first broken rule in `*why`.
+// REQUIRES: why is non-null.
+bool shmstat_plausible(const reflector_shm &store, bool cross, std::string *why);
+
+// Slot indices of the sessions in use, most recently heard (last_rx) first;
+// equal times keep ascending slot order.
+std::vector<std::uint32_t> shmstat_sessions(const reflector_shm &store);
+
+// Mean gap between the requests of `s` in microseconds, as the daemon's own
+// report computes it: period_sum / (num_received - 1) from two requests on,
+// else period_sum.
+std::uint64_t shmstat_avg_period(const reflector_session &s);
+
+// Text report: header counters, error counters and a table of the sessions.
+// With `prev` (an earlier snapshot of the same store) every counter and
+// each session's received and sent counts get a per-second rate.
+std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string &name,
+				const shmstat_snapshot *prev);
+
+// The same content as one JSON document.
+std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string &name);
+
+// node_exporter textfile format: HELP and TYPE per metric family, header
+// counters as counters (the per-period hash counters as gauges), and
+// per-session series labelled by discriminator and address.
+std::string shmstat_format_prometheus(const shmstat_snapshot &snap);
