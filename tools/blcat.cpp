@@ -1,2 +1,62 @@
-// blcat.cpp -- placeholder.
-int main() { return 1; }
+// blcat.cpp -- prints the records of trace files, all levels merged in time
+// order: blcat [-f] [-l LEVELS] [-s] FILE...
+//
+// Exit status: 0 success, 1 a file that cannot be read or is not a valid
+// trace file, 2 a usage error.
+#include <csignal>
+#include <cstdio>
+#include <unistd.h>
+
+#include "blreader.h"
+
+namespace {
+
+volatile int stop_requested;
+
+void on_stop(int) { stop_requested = 1; }
+
+int usage()
+{
+	std::fprintf(stderr,
+		     "usage: blcat [-f] [-l LEVELS] [-s] FILE...\n"
+		     "  -f         follow: keep printing records as they are written\n"
+		     "  -l LEVELS  only these levels, e.g. 1,3-5\n"
+		     "  -s         end with a count of skipped records on standard error\n");
+	return 2;
+}
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+	blr_cat_options opt;
+	int c;
+	while ((c = getopt(argc, argv, "fl:s")) != -1) {
+		switch (c) {
+		case 'f':
+			opt.follow = true;
+			break;
+		case 'l':
+			if (!blr_parse_levels(optarg, &opt.level_mask)) {
+				std::fprintf(stderr, "blcat: bad level list \"%s\"\n", optarg);
+				return usage();
+			}
+			break;
+		case 's':
+			opt.summary = true;
+			break;
+		default:
+			return usage();
+		}
+	}
+	if (optind >= argc)
+		return usage();
+
+	struct sigaction sa = {};
+	sa.sa_handler = on_stop;
+	sigaction(SIGINT, &sa, nullptr);
+	sigaction(SIGTERM, &sa, nullptr);
+	opt.stop = &stop_requested;
+	return blr_cat({argv + optind, static_cast<std::size_t>(argc - optind)}, opt, stdout,
+		       stderr);
+}

@@ -1,30 +1,494 @@
-// brevlog.cpp -- placeholder: tracing off until the writer lands.
+// brevlog.cpp -- the writer of the tracing library: creates and maps the trace
+// file, hands out message ids, stores call-site descriptors and commits typed
+// records into the per-level rings.
+//
+// Owns: the handle (process memory) and everything written into the mapped
+// file. Invariants: one writing thread per handle plus signal handlers on that
+// thread; `depth` counts open records (also those deeper than
+// BL_MAX_OPEN_RECORDS, which are dropped so that start/end pairing holds);
+// a ring's `head` only grows, and a record's stamp is stored last, with
+// release order, after its reservation and its body.
+//
+// Fast path (a call site after its first use): clock_gettime (vDSO), a few
+// bounded copies into the staging buffer, one CAS on the ring head, one copy
+// into the mapping. No system call, lock or allocation.
 #include "brevlog.h"
 
-const char *bl_type_name(std::uint8_t) { return "unknown"; }
-bl_log *bl_initialize_handle(const char *, const char *) { return nullptr; }
-bool bl_isInitialized(const bl_log *) { return false; }
-void bl_close(bl_log *) {}
-const char *bl_path(const bl_log *) { return ""; }
-int bl_msgDescSize() { return 0; }
-void bl_msgDescInit(bl_log *, void *, std::uint32_t *, const char *, int) {}
-void bl_startMsg(bl_log *, std::uint64_t *, std::uint32_t, int) {}
-void bl_put_fmt_bool(bl_log *, void *, const bool *) {}
-void bl_put_fmt_charp(bl_log *, void *, const char *const *) {}
-void bl_put_fmt_s32(bl_log *, void *, const std::int32_t *) {}
-void bl_put_fmt_u16(bl_log *, void *, const std::uint16_t *) {}
-void bl_put_fmt_u32(bl_log *, void *, const std::uint32_t *) {}
-void bl_put_fmt_u64(bl_log *, void *, const std::uint64_t *) {}
-void bl_put_fmt_u8(bl_log *, void *, const std::uint8_t *) {}
-void bl_put_fmt_s64(bl_log *, void *, const std::int64_t *) {}
-void bl_put_type_bool(bl_log *, int, const bool *) {}
-void bl_put_type_charp(bl_log *, int, const char *const *) {}
-void bl_put_type_s32(bl_log *, int, const std::int32_t *) {}
-void bl_put_type_u16(bl_log *, int, const std::uint16_t *) {}
-void bl_put_type_u32(bl_log *, int, const std::uint32_t *) {}
-void bl_put_type_u64(bl_log *, int, const std::uint64_t *) {}
-void bl_put_type_u8(bl_log *, int, const std::uint8_t *) {}
-void bl_put_type_s64(bl_log *, int, const std::int64_t *) {}
-void bl_addMsg(void *, const char *) {}
-void bl_finish(void *) {}
-void bl_endMsg(bl_log *, int) {}
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <type_traits>
+#include <unistd.h>
+
+namespace {
+
+constexpr int BL_MAX_OPEN_RECORDS = 8;  // nesting depth of open records (main flow + handlers)
+constexpr std::uint64_t BL_MAX_LEVEL_KIB = 1048576;  // 1 GiB per level
+constexpr std::uint32_t BL_DEFAULT_DIR_MODE = 0755;
+constexpr const char *BL_DEFAULT_DIR = "/var/log/brevlog";
+constexpr std::size_t BL_MAX_TEXT = 0xFFFF;  // a text's length is stored in a u16
+
+// Header field offsets, as the format grammar in brevlog.h gives them.
+constexpr std::size_t HDR_MAGIC = 0;
+constexpr std::size_t HDR_VERSION = 8;
+constexpr std::size_t HDR_HEADER_SIZE = 12;
+constexpr std::size_t HDR_NLEVELS = 16;
+constexpr std::size_t HDR_PID = 20;
+constexpr std::size_t HDR_DESC_OFF = 24;
+constexpr std::size_t HDR_DESC_SIZE = 32;
+constexpr std::size_t HDR_DESC_USED = 40;
+constexpr std::size_t HDR_NEXT_ID = 48;
+constexpr std::size_t HDR_CREATED_NS = 56;
+constexpr std::size_t LVL_RING_OFF = 0;
+constexpr std::size_t LVL_RING_SIZE = 8;
+constexpr std::size_t LVL_HEAD = 16;
+static_assert(HDR_CREATED_NS + 8 == BL_LEVEL_TABLE_OFF);
+static_assert(BL_DESC_HDR_SIZE == 21);
+static_assert(BL_REC_HDR_SIZE == 8 + 4 + 4 + 8);
+
+// One record being built: the whole record (header included) is staged here
+// and copied into its ring by bl_endMsg.
+struct bl_open_record {
+	int level;                             // level given to bl_startMsg
+	std::uint32_t used;                    // bytes of buf in use, header included
+	alignas(8) unsigned char buf[BL_MAX_RECORD];  // stamp, len, msg_id, time_ns, values
+};
+
+struct bl_ring {
+	unsigned char *data;  // first byte of the ring in the mapping
+	std::uint64_t size;   // bytes, a multiple of 1024
+	std::uint64_t *head;  // the level's head field in the mapped header
+};
+
+// A call site's descriptor while it is being described (caller's memory).
+struct bl_desc_block {
+	bl_log *h;                          // handle the id was taken from
+	const char *file;                   // call site's source path
+	const char *fmt;                    // format text, set by bl_addMsg
+	std::uint32_t msg_id;               // id given by bl_msgDescInit
+	std::int32_t line;                  // call site's line
+	std::uint8_t nargs;                 // entries of types[] in use
+	std::uint8_t types[BL_MAX_ARGS];    // bl_type of each argument
+};
+static_assert(std::is_trivially_copyable_v<bl_desc_block>);
+static_assert(sizeof(bl_desc_block) <= 512, "the daemon reserves 512 bytes per descriptor");
+static_assert(alignof(bl_desc_block) <= 16, "the daemon aligns descriptors to 16 bytes");
+
+}  // namespace
+
+struct bl_log {
+	unsigned char *base;        // start of the mapping; null once closed
+	std::size_t map_size;       // bytes mapped (= file size)
+	int fd;                     // descriptor of the trace file
+	std::uint32_t nlevels;      // levels of the file
+	bl_ring rings[BL_MAX_LEVELS];
+	char path[PATH_MAX];        // absolute path of the trace file
+	volatile sig_atomic_t depth;  // open records, including dropped deep ones
+	bl_open_record stack[BL_MAX_OPEN_RECORDS];
+};
+
+namespace {
+
+template <typename T> void store_le(unsigned char *p, T v) { std::memcpy(p, &v, sizeof v); }
+
+std::uint64_t now_ns()
+{
+	timespec ts;
+	clock_gettime(CLOCK_REALTIME, &ts);
+	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u +
+	       static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+// Innermost open record if it is of `level`, else null (the value is dropped).
+inline bl_open_record *open_record(bl_log *h, int level)
+{
+	const unsigned d = static_cast<unsigned>(h->depth);
+	if (d - 1u >= static_cast<unsigned>(BL_MAX_OPEN_RECORDS))
+		return nullptr;
+	bl_open_record *r = &h->stack[d - 1];
+	return r->level == level ? r : nullptr;
+}
+
+template <typename T> inline void put_value(bl_log *h, int level, bl_type type, const T *v)
+{
+	if (!h)
+		return;
+	bl_open_record *r = open_record(h, level);
+	if (!r || r->used + 1 + sizeof(T) > BL_MAX_RECORD)
+		return;
+	r->buf[r->used] = type;
+	std::memcpy(r->buf + r->used + 1, v, sizeof(T));
+	r->used += 1 + sizeof(T);
+}
+
+void put_fmt(void *desc, bl_type type)
+{
+	auto *b = static_cast<bl_desc_block *>(desc);
+	if (b->nargs < BL_MAX_ARGS)
+		b->types[b->nargs++] = type;
+}
+
+// Copies the staged record into its ring: reserve, body, stamp last.
+void commit(bl_log *h, bl_open_record *r)
+{
+	if (r->level < 0 || static_cast<std::uint32_t>(r->level) >= h->nlevels)
+		return;
+	bl_ring *ring = &h->rings[r->level];
+	const std::uint32_t len = (r->used + 7u) & ~7u;
+	if (len > ring->size)
+		return;
+	std::memset(r->buf + r->used, 0, len - r->used);
+	store_le<std::uint32_t>(r->buf + 8, len);
+
+	// Reserve [start, start + len): a record never crosses the ring's end.
+	std::atomic_ref<std::uint64_t> head(*ring->head);
+	std::uint64_t old = head.load(std::memory_order_relaxed);
+	std::uint64_t start;
+	do {
+		start = old;
+		if (start % ring->size + len > ring->size)
+			start += ring->size - start % ring->size;
+	} while (!head.compare_exchange_weak(old, start + len, std::memory_order_acq_rel,
+					     std::memory_order_relaxed));
+
+	unsigned char *dst = ring->data + start % ring->size;
+	std::memcpy(dst + 8, r->buf + 8, len - 8);
+	std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t *>(dst))
+		.store(~start, std::memory_order_release);
+}
+
+// Parses "64, 512, 1024" strictly: 1 .. BL_MAX_LEVELS numbers of 1 ..
+// BL_MAX_LEVEL_KIB, separated by one comma with optional blanks around it.
+bool parse_sizes(const char *s, std::uint64_t kib[BL_MAX_LEVELS], std::uint32_t *n)
+{
+	*n = 0;
+	if (!s)
+		return false;
+	const char *p = s;
+	for (;;) {
+		while (*p == ' ' || *p == '\t')
+			p++;
+		if (*p < '0' || *p > '9')
+			return false;
+		std::uint64_t v = 0;
+		while (*p >= '0' && *p <= '9') {
+			v = v * 10 + static_cast<std::uint64_t>(*p - '0');
+			if (v > BL_MAX_LEVEL_KIB)
+				return false;
+			p++;
+		}
+		if (v == 0 || *n == BL_MAX_LEVELS)
+			return false;
+		kib[(*n)++] = v;
+		while (*p == ' ' || *p == '\t')
+			p++;
+		if (*p == '\0')
+			return true;
+		if (*p != ',')
+			return false;
+		p++;
+	}
+}
+
+// mkdir -p with mode 0755; succeeds when the directory exists already.
+bool make_dirs(const char *dir)
+{
+	char buf[PATH_MAX];
+	const std::size_t n = std::strlen(dir);
+	if (n == 0 || n >= sizeof buf)
+		return false;
+	std::memcpy(buf, dir, n + 1);
+	for (std::size_t i = 1; i <= n; i++) {
+		if (buf[i] != '/' && buf[i] != '\0')
+			continue;
+		const char saved = buf[i];
+		buf[i] = '\0';
+		if (mkdir(buf, BL_DEFAULT_DIR_MODE) == -1 && errno != EEXIST)
+			return false;
+		buf[i] = saved;
+	}
+	struct stat st;
+	if (stat(dir, &st) == -1)
+		return false;
+	if (!S_ISDIR(st.st_mode)) {
+		errno = ENOTDIR;
+		return false;
+	}
+	return true;
+}
+
+void write_header(bl_log *h, const std::uint64_t kib[], std::uint32_t n)
+{
+	unsigned char *b = h->base;
+	std::memcpy(b + HDR_MAGIC, BL_MAGIC, sizeof BL_MAGIC);
+	store_le<std::uint32_t>(b + HDR_VERSION, BL_VERSION);
+	store_le<std::uint32_t>(b + HDR_HEADER_SIZE, BL_HEADER_SIZE);
+	store_le<std::uint32_t>(b + HDR_NLEVELS, n);
+	store_le<std::uint32_t>(b + HDR_PID, static_cast<std::uint32_t>(getpid()));
+	store_le<std::uint64_t>(b + HDR_DESC_OFF, BL_HEADER_SIZE);
+	store_le<std::uint64_t>(b + HDR_DESC_SIZE, BL_DESC_AREA_SIZE);
+	store_le<std::uint64_t>(b + HDR_DESC_USED, 0);
+	store_le<std::uint32_t>(b + HDR_NEXT_ID, 1);
+	store_le<std::uint64_t>(b + HDR_CREATED_NS, now_ns());
+	std::uint64_t off = BL_HEADER_SIZE + BL_DESC_AREA_SIZE;
+	for (std::uint32_t i = 0; i < n; i++) {
+		unsigned char *l = b + BL_LEVEL_TABLE_OFF + i * BL_LEVEL_ENTRY_SIZE;
+		const std::uint64_t size = kib[i] * 1024;
+		store_le<std::uint64_t>(l + LVL_RING_OFF, off);
+		store_le<std::uint64_t>(l + LVL_RING_SIZE, size);
+		store_le<std::uint64_t>(l + LVL_HEAD, 0);
+		h->rings[i].data = b + off;
+		h->rings[i].size = size;
+		h->rings[i].head = reinterpret_cast<std::uint64_t *>(l + LVL_HEAD);
+		off += size;
+	}
+	h->nlevels = n;
+}
+
+}  // namespace
+
+const char *bl_type_name(std::uint8_t type)
+{
+	switch (static_cast<bl_type>(type)) {
+	case BL_T_BOOL: return "bool";
+	case BL_T_CHARP: return "charp";
+	case BL_T_S32: return "s32";
+	case BL_T_U16: return "u16";
+	case BL_T_U32: return "u32";
+	case BL_T_U64: return "u64";
+	case BL_T_U8: return "u8";
+	case BL_T_S64: return "s64";
+	}
+	return "unknown";
+}
+
+bl_log *bl_initialize_handle(const char *file_name, const char *sizes)
+{
+	std::uint64_t kib[BL_MAX_LEVELS];
+	std::uint32_t n;
+	if (!file_name || !*file_name || std::strchr(file_name, '/') || !parse_sizes(sizes, kib, &n)) {
+		errno = EINVAL;
+		return nullptr;
+	}
+
+	// Directory: $BREVLOG_DIR, else the default; absolute from here on.
+	const char *dir = std::getenv("BREVLOG_DIR");
+	if (!dir || !*dir)
+		dir = BL_DEFAULT_DIR;
+	if (!make_dirs(dir))
+		return nullptr;
+	char absdir[PATH_MAX];
+	if (!realpath(dir, absdir))
+		return nullptr;
+
+	void *mem = std::calloc(1, sizeof(bl_log));
+	if (!mem)
+		return nullptr;
+	bl_log *h = new (mem) bl_log;
+	h->fd = -1;
+	const int plen = std::snprintf(h->path, sizeof h->path, "%s/%s", absdir, file_name);
+	char old[PATH_MAX];
+	if (plen < 0 || static_cast<std::size_t>(plen) + 3 > sizeof h->path) {
+		std::free(h);
+		errno = ENAMETOOLONG;
+		return nullptr;
+	}
+	std::memcpy(old, h->path, static_cast<std::size_t>(plen));
+	std::memcpy(old + plen, ".1", 3);
+
+	// Keep the previous run's file for post-mortems.
+	if (rename(h->path, old) == -1 && errno != ENOENT) {
+		const int e = errno;
+		std::free(h);
+		errno = e;
+		return nullptr;
+	}
+
+	std::uint64_t total = BL_HEADER_SIZE + BL_DESC_AREA_SIZE;
+	for (std::uint32_t i = 0; i < n; i++)
+		total += kib[i] * 1024;
+	h->fd = open(h->path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+	if (h->fd == -1 || ftruncate(h->fd, static_cast<off_t>(total)) == -1) {
+		const int e = errno;
+		if (h->fd != -1)
+			close(h->fd);
+		std::free(h);
+		errno = e;
+		return nullptr;
+	}
+	void *m = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_SHARED, h->fd, 0);
+	if (m == MAP_FAILED) {
+		const int e = errno;
+		close(h->fd);
+		std::free(h);
+		errno = e;
+		return nullptr;
+	}
+	h->base = static_cast<unsigned char *>(m);
+	h->map_size = total;
+	write_header(h, kib, n);
+	return h;
+}
+
+bool bl_isInitialized(const bl_log *h) { return h && h->base; }
+
+void bl_close(bl_log *h)
+{
+	if (!h)
+		return;
+	if (h->base)
+		munmap(h->base, h->map_size);
+	if (h->fd != -1)
+		close(h->fd);
+	h->~bl_log();
+	std::free(h);
+}
+
+const char *bl_path(const bl_log *h) { return h ? h->path : ""; }
+
+int bl_msgDescSize() { return static_cast<int>(sizeof(bl_desc_block)); }
+
+void bl_msgDescInit(bl_log *h, void *desc, std::uint32_t *id, const char *file, int line)
+{
+	auto *b = static_cast<bl_desc_block *>(desc);
+	std::memset(b, 0, sizeof *b);
+	b->h = h;
+	b->file = file ? file : "";
+	b->line = line;
+	if (!bl_isInitialized(h))
+		return;
+	std::atomic_ref<std::uint32_t> next(
+		*reinterpret_cast<std::uint32_t *>(h->base + HDR_NEXT_ID));
+	b->msg_id = next.fetch_add(1, std::memory_order_relaxed);
+	if (id)
+		*id = b->msg_id;
+}
+
+void bl_startMsg(bl_log *h, std::uint64_t *slot, std::uint32_t id, int level)
+{
+	if (!h)
+		return;
+	// Claim stack[d] before touching it: a handler that runs between the
+	// read and the write uses stack[d] itself and pops back to d before we
+	// continue, so initialising it afterwards is safe.
+	const int d = h->depth;
+	h->depth = d + 1;
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+	if (d < BL_MAX_OPEN_RECORDS) {
+		bl_open_record *r = &h->stack[d];
+		r->level = level;
+		r->used = BL_REC_HDR_SIZE;
+		store_le<std::uint64_t>(r->buf, 0);
+		store_le<std::uint32_t>(r->buf + 12, id);
+		store_le<std::uint64_t>(r->buf + 16, now_ns());
+	}
+	if (slot)
+		*slot = static_cast<std::uint64_t>(d) + 1;
+}
+
+void bl_put_fmt_bool(bl_log *, void *desc, const bool *) { put_fmt(desc, BL_T_BOOL); }
+void bl_put_fmt_charp(bl_log *, void *desc, const char *const *) { put_fmt(desc, BL_T_CHARP); }
+void bl_put_fmt_s32(bl_log *, void *desc, const std::int32_t *) { put_fmt(desc, BL_T_S32); }
+void bl_put_fmt_u16(bl_log *, void *desc, const std::uint16_t *) { put_fmt(desc, BL_T_U16); }
+void bl_put_fmt_u32(bl_log *, void *desc, const std::uint32_t *) { put_fmt(desc, BL_T_U32); }
+void bl_put_fmt_u64(bl_log *, void *desc, const std::uint64_t *) { put_fmt(desc, BL_T_U64); }
+void bl_put_fmt_u8(bl_log *, void *desc, const std::uint8_t *) { put_fmt(desc, BL_T_U8); }
+void bl_put_fmt_s64(bl_log *, void *desc, const std::int64_t *) { put_fmt(desc, BL_T_S64); }
+
+void bl_put_type_bool(bl_log *h, int level, const bool *v)
+{
+	const std::uint8_t b = *v ? 1 : 0;
+	put_value(h, level, BL_T_BOOL, &b);
+}
+
+void bl_put_type_charp(bl_log *h, int level, const char *const *v)
+{
+	if (!h)
+		return;
+	bl_open_record *r = open_record(h, level);
+	if (!r || r->used + 3 > BL_MAX_RECORD)
+		return;
+	const char *s = *v ? *v : "(null)";
+	// A text longer than the room left is cut to fit.
+	const std::size_t room = BL_MAX_RECORD - r->used - 3;
+	const std::size_t n = strnlen(s, room < BL_MAX_TEXT ? room : BL_MAX_TEXT);
+	r->buf[r->used] = BL_T_CHARP;
+	store_le<std::uint16_t>(r->buf + r->used + 1, static_cast<std::uint16_t>(n));
+	std::memcpy(r->buf + r->used + 3, s, n);
+	r->used += static_cast<std::uint32_t>(3 + n);
+}
+
+void bl_put_type_s32(bl_log *h, int level, const std::int32_t *v) { put_value(h, level, BL_T_S32, v); }
+void bl_put_type_u16(bl_log *h, int level, const std::uint16_t *v) { put_value(h, level, BL_T_U16, v); }
+void bl_put_type_u32(bl_log *h, int level, const std::uint32_t *v) { put_value(h, level, BL_T_U32, v); }
+void bl_put_type_u64(bl_log *h, int level, const std::uint64_t *v) { put_value(h, level, BL_T_U64, v); }
+void bl_put_type_u8(bl_log *h, int level, const std::uint8_t *v) { put_value(h, level, BL_T_U8, v); }
+void bl_put_type_s64(bl_log *h, int level, const std::int64_t *v) { put_value(h, level, BL_T_S64, v); }
+
+void bl_addMsg(void *desc, const char *fmt)
+{
+	static_cast<bl_desc_block *>(desc)->fmt = fmt;
+}
+
+void bl_finish(void *desc)
+{
+	const auto *b = static_cast<const bl_desc_block *>(desc);
+	bl_log *h = b->h;
+	if (!bl_isInitialized(h) || b->msg_id == 0)
+		return;
+	const char *fmt = b->fmt ? b->fmt : "";
+	const std::size_t file_len = strnlen(b->file, BL_MAX_TEXT);
+	const std::size_t fmt_len = strnlen(fmt, BL_MAX_TEXT);
+	const std::size_t body = BL_DESC_HDR_SIZE + b->nargs + file_len + fmt_len;
+	const std::uint64_t len = (body + 7) & ~std::uint64_t{7};
+
+	// Reserve; when the area is full the descriptor is dropped (its records
+	// then show as an unknown message).
+	const std::uint64_t desc_size = BL_DESC_AREA_SIZE;
+	std::atomic_ref<std::uint64_t> used(
+		*reinterpret_cast<std::uint64_t *>(h->base + HDR_DESC_USED));
+	const std::uint64_t off = used.fetch_add(len, std::memory_order_relaxed);
+	if (off + len > desc_size || off % 8 != 0)
+		return;
+
+	unsigned char *e = h->base + BL_HEADER_SIZE + off;
+	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e))
+		.store(static_cast<std::uint32_t>(len), std::memory_order_relaxed);
+	store_le<std::uint32_t>(e + 8, b->msg_id);
+	store_le<std::uint32_t>(e + 12, static_cast<std::uint32_t>(b->line));
+	store_le<std::uint16_t>(e + 16, static_cast<std::uint16_t>(file_len));
+	store_le<std::uint16_t>(e + 18, static_cast<std::uint16_t>(fmt_len));
+	e[20] = b->nargs;
+	std::memcpy(e + BL_DESC_HDR_SIZE, b->types, b->nargs);
+	std::memcpy(e + BL_DESC_HDR_SIZE + b->nargs, b->file, file_len);
+	std::memcpy(e + BL_DESC_HDR_SIZE + b->nargs + file_len, fmt, fmt_len);
+	std::memset(e + body, 0, len - body);
+	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e + 4))
+		.store(BL_DESC_MAGIC, std::memory_order_release);
+}
+
+void bl_endMsg(bl_log *h, int level)
+{
+	if (!h)
+		return;
+	const int d = h->depth;
+	if (d <= 0)
+		return;  // unpaired end: nothing is open
+	if (d <= BL_MAX_OPEN_RECORDS && h->base) {
+		bl_open_record *r = &h->stack[d - 1];
+		if (r->level == level)
+			commit(h, r);
+	}
+	// Pop only after the commit: a handler arriving during the commit
+	// must not reuse this entry.
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+	h->depth = d - 1;
+}
