@@ -455,7 +455,7 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 	if (slots.empty())
 		return out;
 	text_table tb;
-	tb.head = {"DISCRIMINATOR", "ADDRESS:PORT", "STATE", "SINCE", "LAST RX", "RECEIVED", "SENT",
+	tb.head = {"DISCRIMINATOR", "ADDRESS:PORT", "STATE", "CHANGED", "LAST RX", "RECEIVED", "SENT",
 		   "GAP MIN/AVG/MAX", "REPLY", "DIAG"};
 	tb.right = {true, false, false, true, true, true, true, false, false, false};
 	if (rates) {

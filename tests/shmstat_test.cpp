@@ -1,0 +1,317 @@
+// shmstat_test.cpp -- the store reader of orvalindwarden-stat: object
+// naming, size and plausibility rules, session order, and that the text,
+// JSON and textfile renderings carry what the store holds.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "shmstat.h"
+
+namespace {
+
+std::uint32_t addr(const char *dotted) { return inet_addr(dotted); }
+
+// A store with three sessions as the daemon would leave them, in the slots
+// it hands out first (511, 510, 509).
+std::unique_ptr<shmstat_snapshot> sample_snapshot()
+{
+	auto snap = std::make_unique<shmstat_snapshot>();
+	std::memset(&snap->store, 0, sizeof snap->store);
+	snap->stable = true;
+	snap->taken = {1700000100, 0};
+	reflector_shm &st = snap->store;
+	st.rx_valid_pkts = 600;  // period of 600 % 512 + 1 = 89 lookups
+	st.rx_drops = 7;
+	st.tx_sends = 600;
+	st.bad_version = 3;
+	st.sendto_fail = 1;
+	st.rx_hash_hit = 80;
+	st.rx_hash_miss = 9;
+	st.rx_hash_trim = 2;
+	struct {
+		std::uint32_t slot, disc;
+		const char *ip;
+		std::int64_t last_rx;
+	} rows[] = {{511, 100, "192.0.2.10", 1700000090}, {510, 200, "192.0.2.11", 1700000099},
+		    {509, 300, "198.51.100.7", 1700000050}};
+	for (const auto &r : rows) {
+		reflector_session &s = st.sessions[r.slot];
+		s.discriminator = r.disc;
+		s.source_ip = addr(r.ip);
+		s.source_port = 49152;
+		s.state = BFD_STATE_UP;
+		s.version = 1;
+		s.demand = 1;
+		s.tx_state = BFD_STATE_UP;
+		s.num_received = 11;
+		s.num_sent = 11;
+		s.period_sum = 10000005;
+		s.min_period = 990000;
+		s.max_period = 1010000;
+		s.last_rx = {r.last_rx, 5};
+		s.last_state_change = {r.last_rx - 100, 0};
+		s.last_tx = s.last_rx;
+		s.last_tx_state_change = s.last_state_change;
+	}
+	return snap;
+}
+
+// Shared-memory object of a test, removed when the test ends.
+struct test_object {
+	std::string name = "orvstat-test-" + std::to_string(getpid());
+	~test_object() { shm_unlink(name.c_str()); }
+	bool write(const void *data, std::size_t len) const
+	{
+		int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+		if (fd < 0)
+			return false;
+		bool ok = ::write(fd, data, len) == ssize_t(len);
+		close(fd);
+		return ok;
+	}
+};
+
+TEST(ShmstatObjectName, FollowsTheDaemonsNamingAndTakesAnObjectVerbatim)
+{
+	EXPECT_EQ(shmstat_object_name(nullptr, nullptr), "orvalindwarden");
+	EXPECT_EQ(shmstat_object_name(nullptr, ""), "orvalindwarden");
+	EXPECT_EQ(shmstat_object_name(nullptr, "/var/run/netns/blue"), "orvalindwarden-var-run-netns-blue");
+	EXPECT_EQ(shmstat_object_name("/other", "/var/run/netns/blue"), "other");
+	EXPECT_EQ(shmstat_object_name("other", nullptr), "other");
+}
+
+TEST(ShmstatRead, RejectsAMissingObjectAndEveryWrongSize)
+{
+	test_object obj;
+	auto snap = std::make_unique<shmstat_snapshot>();
+	std::string err;
+	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_FOUND);
+	EXPECT_NE(err.find(obj.name), std::string::npos) << err;
+
+	std::vector<char> zeros(SHM_SIZE + 1);
+	for (std::size_t size : {std::size_t(0), SHM_SIZE - 1, SHM_SIZE + 1}) {
+		ASSERT_TRUE(obj.write(zeros.data(), size));
+		err.clear();
+		EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_WRONG_SIZE) << size;
+		EXPECT_NE(err.find(std::to_string(size) + " bytes"), std::string::npos) << err;
+	}
+	ASSERT_TRUE(obj.write(zeros.data(), SHM_SIZE));
+	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
+	EXPECT_TRUE(snap->stable);
+}
+
+TEST(ShmstatRead, CopiesAStoreAndRejectsGarbageOfTheRightSize)
+{
+	test_object obj;
+	auto want = sample_snapshot();
+	ASSERT_TRUE(obj.write(&want->store, SHM_SIZE));
+	auto snap = std::make_unique<shmstat_snapshot>();
+	std::string err;
+	ASSERT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
+	EXPECT_EQ(std::memcmp(&snap->store, &want->store, SHM_SIZE), 0);
+
+	std::vector<unsigned char> junk(SHM_SIZE);
+	for (std::size_t i = 0; i < junk.size(); i++)
+		junk[i] = static_cast<unsigned char>(i * 131 + 7);
+	ASSERT_TRUE(obj.write(junk.data(), junk.size()));
+	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_A_STORE);
+	EXPECT_NE(err.find("not a session store"), std::string::npos) << err;
+}
+
+// Each case breaks one rule of a plausible store; `cross` says whether the
+// rule is one that only applies to a stable copy.
+TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
+{
+	struct rule_case {
+		const char *what;
+		std::function<void(reflector_shm &)> edit;
+		bool accepted;
+		bool cross;
+	};
+	const rule_case cases[] = {
+		{"sample store", [](reflector_shm &) {}, true, false},
+		{"state 3", [](reflector_shm &s) { s.sessions[511].prev_state = 3; }, true, false},
+		{"state 4", [](reflector_shm &s) { s.sessions[511].state = 4; }, false, false},
+		{"tx_state 4", [](reflector_shm &s) { s.sessions[510].tx_state = 4; }, false, false},
+		{"diag 31", [](reflector_shm &s) { s.sessions[511].diag = 31; }, true, false},
+		{"tx_diag 32", [](reflector_shm &s) { s.sessions[511].tx_diag = 32; }, false, false},
+		{"version 8", [](reflector_shm &s) { s.sessions[511].version = 8; }, false, false},
+		{"poll 2", [](reflector_shm &s) { s.sessions[509].poll = 2; }, false, false},
+		{"reserved", [](reflector_shm &s) { s.sessions[509].reserved[1] = 1; }, false, false},
+		{"nsec 999999999", [](reflector_shm &s) { s.sessions[511].last_tx.tv_nsec = 999999999; }, true, false},
+		{"nsec 1e9", [](reflector_shm &s) { s.sessions[511].last_rx.tv_nsec = 1000000000; }, false, false},
+		{"negative sec", [](reflector_shm &s) { s.sessions[511].last_tx_state_change.tv_sec = -1; }, false, false},
+		{"free slot dirty", [](reflector_shm &s) { s.sessions[0].num_received = 1; }, false, true},
+		{"trim above miss", [](reflector_shm &s) { s.rx_hash_trim = 10; }, false, true},
+		{"hash at period size", [](reflector_shm &s) { s.rx_hash_hit = 80; s.rx_hash_miss = 9; }, true, true},
+		{"hash above period", [](reflector_shm &s) { s.rx_hash_hit = 81; }, false, true},
+		{"first period full", [](reflector_shm &s) {
+			 s.rx_valid_pkts = 100; s.rx_hash_hit = 0; s.rx_hash_miss = 100; s.rx_hash_trim = 0; }, true, true},
+		{"first period over", [](reflector_shm &s) {
+			 s.rx_valid_pkts = 100; s.rx_hash_hit = 1; s.rx_hash_miss = 100; s.rx_hash_trim = 0; }, false, true},
+		{"counted, not yet looked up", [](reflector_shm &s) {
+			 s.rx_valid_pkts = 1024; s.rx_hash_hit = 500; s.rx_hash_miss = 12; s.rx_hash_trim = 0; }, true, true},
+	};
+	for (const auto &c : cases) {
+		auto snap = sample_snapshot();
+		c.edit(snap->store);
+		std::string why;
+		EXPECT_EQ(shmstat_plausible(snap->store, true, &why), c.accepted) << c.what << ": " << why;
+		if (c.cross)  // a torn copy must not be rejected for these
+			EXPECT_TRUE(shmstat_plausible(snap->store, false, &why)) << c.what << ": " << why;
+	}
+}
+
+TEST(ShmstatSessions, ListsMostRecentlyHeardFirstAndTiesInSlotOrder)
+{
+	auto snap = sample_snapshot();
+	EXPECT_EQ(shmstat_sessions(snap->store), (std::vector<std::uint32_t>{510, 511, 509}));
+	snap->store.sessions[509].last_rx = snap->store.sessions[510].last_rx;
+	EXPECT_EQ(shmstat_sessions(snap->store), (std::vector<std::uint32_t>{509, 510, 511}));
+	snap->store.sessions[509].last_rx.tv_nsec -= 1;
+	EXPECT_EQ(shmstat_sessions(snap->store), (std::vector<std::uint32_t>{510, 509, 511}));
+}
+
+TEST(ShmstatAvgPeriod, MatchesTheDaemonsReport)
+{
+	reflector_session s{};
+	const struct {
+		std::uint64_t received, sum, avg;
+	} cases[] = {{0, 0, 0}, {1, 0, 0}, {1, 500, 500}, {2, 700, 700}, {11, 10000005, 1000000}};
+	for (const auto &c : cases) {
+		s.num_received = c.received;
+		s.period_sum = c.sum;
+		EXPECT_EQ(shmstat_avg_period(s), c.avg) << c.received << " " << c.sum;
+	}
+}
+
+TEST(ShmstatJson, CarriesEveryCounterAndTheSessionsInOrder)
+{
+	auto snap = sample_snapshot();
+	auto doc = nlohmann::json::parse(shmstat_format_json(*snap, "orvalindwarden"));
+	EXPECT_EQ(doc["object"], "orvalindwarden");
+	std::set<std::string> seen;
+	for (const char *group : {"counters", "hash", "rx_errors", "tx_errors"})
+		for (const auto &[k, v] : doc[group].items())
+			seen.insert(k);
+	EXPECT_EQ(seen.size(), SHMSTAT_COUNTERS.size());
+	EXPECT_EQ(doc["counters"]["rx_drops"], 7);
+	EXPECT_EQ(doc["rx_errors"]["bad_version"], 3);
+	EXPECT_EQ(doc["tx_errors"]["sendto_fail"], 1);
+	EXPECT_EQ(doc["hash"]["rx_hash_trim"], 2);
+	ASSERT_EQ(doc["sessions_in_use"], 3);
+	const auto &first = doc["sessions"][0];
+	EXPECT_EQ(first["discriminator"], 200);
+	EXPECT_EQ(first["address"], "192.0.2.11");
+	EXPECT_EQ(first["port"], 49152);
+	EXPECT_EQ(first["avg_period_us"], 1000000);
+	EXPECT_EQ(first["last_rx"]["sec"], 1700000099);
+	EXPECT_NEAR(first["last_rx_age_s"].get<double>(), 1.0, 1e-6);
+	EXPECT_EQ(doc["sessions"][2]["address"], "198.51.100.7");
+}
+
+TEST(ShmstatPrometheus, EverySampleHasHelpAndTypeAndSessionsAreLabelled)
+{
+	auto snap = sample_snapshot();
+	std::istringstream in(shmstat_format_prometheus(*snap));
+	std::map<std::string, std::string> type;
+	std::set<std::string> help, series;
+	std::string line;
+	int session_lines = 0;
+	while (std::getline(in, line)) {
+		std::istringstream f(line);
+		std::string a, b, c;
+		f >> a >> b >> c;
+		if (a == "#" && b == "HELP") {
+			help.insert(c);
+			continue;
+		}
+		if (a == "#" && b == "TYPE") {
+			type[c] = line.substr(line.rfind(' ') + 1);
+			continue;
+		}
+		std::string metric = a.substr(0, a.find('{'));
+		ASSERT_TRUE(help.count(metric) && type.count(metric)) << line;
+		EXPECT_TRUE(series.insert(a).second) << "duplicate series " << a;
+		if (type[metric] == "counter")
+			EXPECT_EQ(metric.substr(metric.size() - 6), "_total") << metric;
+		if (metric.find("_session_") != std::string::npos) {
+			session_lines++;
+			EXPECT_NE(a.find("discriminator=\""), std::string::npos) << line;
+			EXPECT_NE(a.find("address=\""), std::string::npos) << line;
+		}
+		std::size_t used = 0;
+		std::stod(b, &used);
+		EXPECT_EQ(used, b.size()) << line;
+	}
+	EXPECT_EQ(type["orvalindwarden_rx_hash_hit"], "gauge");
+	EXPECT_EQ(type["orvalindwarden_bad_version_total"], "counter");
+	EXPECT_TRUE(series.count("orvalindwarden_session_received_total{discriminator=\"300\",address=\"198.51.100.7\"}"));
+	EXPECT_EQ(session_lines % 3, 0);
+	EXPECT_GT(session_lines, 0);
+}
+
+// Position of `col` in the line of `text` that starts with `head`.
+std::size_t column_of(const std::string &text, const std::string &head, const std::string &col)
+{
+	std::istringstream in(text);
+	std::string line;
+	while (std::getline(in, line))
+		if (line.rfind(head, 0) == 0)
+			return line.find(col);
+	return std::string::npos;
+}
+
+TEST(ShmstatText, AlignsTheSessionTableAndShowsRatesAcrossAWrap)
+{
+	auto prev = sample_snapshot();
+	auto cur = sample_snapshot();
+	prev->store.bad_version = 0xFFFFFFFF;  // wraps to 3: 4 in 2 s
+	cur->taken.tv_sec += 2;
+	cur->store.sessions[510].num_received += 10;
+	std::string text = shmstat_format_text(*cur, "orvalindwarden", prev.get());
+
+	// Every session row ends its right-aligned RECEIVED cell where the header does.
+	std::size_t end = column_of(text, "DISCRIMINATOR", "RECEIVED") + std::strlen("RECEIVED");
+	ASSERT_NE(end, std::string::npos) << text;
+	std::istringstream in(text);
+	std::string line;
+	int rows = 0;
+	bool in_table = false;
+	while (std::getline(in, line)) {
+		if (line.rfind("DISCRIMINATOR", 0) == 0) {
+			in_table = true;
+			continue;
+		}
+		if (!in_table)
+			continue;
+		rows++;
+		ASSERT_GT(line.size(), end) << line;
+		EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(line[end - 1]))) << line;
+		EXPECT_EQ(line[end], ' ') << line;
+	}
+	EXPECT_EQ(rows, 3);
+	EXPECT_NE(text.find("192.0.2.11:49152"), std::string::npos) << text;
+	EXPECT_NE(text.find("5.0"), std::string::npos) << text;  // 10 requests in 2 s
+	std::istringstream counters(text);
+	bool rate_found = false;
+	while (std::getline(counters, line))
+		if (line.find("bad_version") != std::string::npos)
+			rate_found = line.find(" 2.0") != std::string::npos;
+	EXPECT_TRUE(rate_found) << text;
+}
+
+}  // namespace
