@@ -235,16 +235,16 @@ constexpr std::uint32_t MAIN_RECORDS_MAX = 400000;  // fits the 32 MiB rings bel
 	sigaction(SIGRTMIN + 9, &sa, nullptr);
 	sa.sa_handler = on_stop;
 	sigaction(SIGUSR1, &sa, nullptr);
-	if (write(ready_fd, "r", 1) != 1)
-		_exit(4);
 	std::uint32_t i = 0;
 	while (!stop_child) {
+		if (i == 1000 && write(ready_fd, "r", 1) != 1)  // tracing is under way
+			_exit(4);
 		if (i < MAIN_RECORDS_MAX) {
 			TRACE(TRACE_RX, "RX: n=%u %s %lu", i, "fixed text", (std::uint64_t)i * 3);
 			TRACE(TRACE_ERROR, "ERROR: main %u", i);
 			i++;
 		}
-		for (volatile int k = 0; k < 100; k = k + 1) {
+		for (volatile int k = 0; k < 300; k = k + 1) {
 		}
 	}
 	TRACE(TRACE_INIT, "INIT: handled %u main %u", (std::uint32_t)handled, i);
@@ -288,6 +288,8 @@ TEST(BrevlogSignals, HandlerRecordsNeverDisturbTheInterruptedRecord)
 			sent++;
 		else
 			usleep(100);  // the child's signal queue is full
+		if (sent % 50 == 0)
+			usleep(50);  // let the main flow run between bursts
 	}
 	kill(pid, SIGUSR1);
 	int status = 0;
