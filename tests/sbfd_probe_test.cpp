@@ -1,0 +1,220 @@
+// sbfd_probe_test.cpp -- the initiator library: request encoding, frame
+// building and parsing, and the probe loop's matching of replies to probes
+// against a scripted reflector on a loopback address.
+#include "sbfd_probe.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "unique_fd.h"
+
+namespace {
+
+TEST(ProbeEncode, RequestCarriesEveryFieldInNetworkOrder)
+{
+	struct {
+		std::uint8_t state;
+		bool poll;
+		std::uint8_t byte1;
+	} cases[] = {
+		{BFD_STATE_DOWN, false, 0x42},
+		{BFD_STATE_UP, false, 0xc2},
+		{BFD_STATE_UP, true, 0xe2},
+	};
+	for (const auto &c : cases) {
+		probe_params p;
+		p.my_disc = 0x01020304;
+		p.your_disc = 0xa0b0c0d0;
+		p.state = c.state;
+		p.poll = c.poll;
+		p.multiplier = 5;
+		p.min_tx_us = 300000;
+		p.min_rx_us = 7;
+		p.min_echo_rx_us = 0x11223344;
+		std::uint8_t b[BFD_PKT_LEN];
+		probe_encode_request(p, b);
+		const std::uint8_t want[BFD_PKT_LEN] = {0x20, c.byte1, 5,    24,   1,    2,    3,    4,
+							0xa0, 0xb0,    0xc0, 0xd0, 0,    4,    0x93, 0xe0,
+							0,    0,       0,    7,    0x11, 0x22, 0x33, 0x44};
+		EXPECT_EQ(0, std::memcmp(b, want, sizeof b)) << "state " << int(c.state) << " poll " << c.poll;
+	}
+}
+
+TEST(ProbeFormat, ReplyLineNamesStateDiagFlagsAndDiscriminators)
+{
+	bfd_ctrl_pkt pkt{};
+	pkt.vers_diag = 0x20 | BFD_DIAG_ADMIN_DOWN;
+	pkt.flags = BFD_STATE_ADMIN_DOWN << 6 | BFD_FLAG_F | BFD_FLAG_C;
+	pkt.detect_multiplier = 3;
+	pkt.length = 24;
+	pkt.my_disc = htonl(77);
+	pkt.your_disc = htonl(88);
+	pkt.min_rx_interval = htonl(50000);
+	sockaddr_in from{};
+	from.sin_port = htons(SBFD_PORT);
+	from.sin_addr.s_addr = htonl(0xc0000201);
+	std::string s = probe_format_reply(pkt, 24, from, 4, 1.5);
+	for (const char *part : {"24 bytes from 192.0.2.1:7784", "seq=4", "state=AdminDown",
+				 "diag=7 (Administratively Down)", "flags=FC", "my_disc=77", "your_disc=88",
+				 "min_rx=50000", "time=1.500 ms"})
+		EXPECT_NE(s.find(part), std::string::npos) << part << " in " << s;
+	EXPECT_EQ(probe_flags_text(0), "-");
+	EXPECT_EQ(probe_flags_text(0x3f), "PFCADM");
+	EXPECT_STREQ(probe_diag_name(9), "unknown");
+}
+
+frame_spec sample_spec()
+{
+	frame_spec s;
+	s.src_ip = 0xc0000202;
+	s.dst_ip = 0xc0000201;
+	s.src_port = 49152;
+	s.tos = 0xc0;
+	s.ip_ttl = 255;
+	return s;
+}
+
+TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFrames)
+{
+	const std::uint8_t payload[BFD_PKT_LEN] = {0x20, 0x42, 3, 24, 0, 0, 0, 1};
+	struct {
+		std::vector<std::uint32_t> labels;
+		std::size_t opt_len;
+		std::size_t payload_off;
+	} cases[] = {
+		{{}, 0, 42},
+		{{0}, 0, 46},
+		{{16, 0}, 0, 50},
+		{{}, 8, 50},
+	};
+	for (const auto &c : cases) {
+		frame_spec s = sample_spec();
+		s.labels = c.labels;
+		s.ip_options.assign(c.opt_len, 1);  // NOP options
+		auto f = probe_frame_build(s, payload);
+		ASSERT_EQ(f.size(), c.payload_off + BFD_PKT_LEN);
+		EXPECT_EQ(0, std::memcmp(&f[c.payload_off], payload, BFD_PKT_LEN));
+
+		// The stack's last entry alone has bottom-of-stack set.
+		for (std::size_t i = 0; i < c.labels.size(); i++)
+			EXPECT_EQ((f[ETH_HDR_LEN + 4 * i + 2] & 1) != 0, i + 1 == c.labels.size());
+
+		// Both checksums verify: the header sums to zero, and so does the
+		// UDP datagram with its pseudo-header.
+		std::size_t ip_off = ETH_HDR_LEN + 4 * c.labels.size();
+		std::size_t ihl = IPV4_HDR_LEN + c.opt_len;
+		EXPECT_EQ(probe_checksum({&f[ip_off], ihl}), 0);
+		std::size_t udp_len = UDP_HDR_LEN + BFD_PKT_LEN;
+		std::uint32_t pseudo = 0xc000 + 0x0202 + 0xc000 + 0x0201 + 17 + static_cast<std::uint32_t>(udp_len);
+		EXPECT_EQ(probe_checksum({&f[ip_off + ihl], udp_len}, pseudo), 0);
+
+		frame_view v;
+		ASSERT_TRUE(probe_frame_parse(f, &v));
+		EXPECT_EQ(v.label_entries.size(), c.labels.size());
+		EXPECT_EQ(v.src_ip, s.src_ip);
+		EXPECT_EQ(v.dst_ip, s.dst_ip);
+		EXPECT_EQ(v.src_port, 49152);
+		EXPECT_EQ(v.dst_port, SBFD_PORT);
+		EXPECT_EQ(v.tos, 0xc0);
+		EXPECT_EQ(v.ttl, 255);
+		ASSERT_EQ(v.payload.size(), BFD_PKT_LEN);
+	}
+}
+
+TEST(ProbeFrame, ParseRefusesTruncatedAndNonUdpFrames)
+{
+	const std::uint8_t payload[BFD_PKT_LEN] = {};
+	auto f = probe_frame_build(sample_spec(), payload);
+	frame_view v;
+	for (std::size_t len : {std::size_t{0}, std::size_t{13}, std::size_t{33}, std::size_t{41}, f.size() - 1})
+		EXPECT_FALSE(probe_frame_parse({f.data(), len}, &v)) << len;
+	frame_spec tcp = sample_spec();
+	tcp.ip_proto = 6;
+	EXPECT_FALSE(probe_frame_parse(probe_frame_build(tcp, payload), &v));
+}
+
+TEST(ProbeParseMac, AcceptsColonFormOnly)
+{
+	std::uint8_t m[6];
+	EXPECT_TRUE(probe_parse_mac("02:00:5e:10:ab:FF", m));
+	EXPECT_EQ(m[5], 0xff);
+	for (const char *bad : {"", "02:00:5e:10:ab", "02:00:5e:10:ab:ff:00", "02-00-5e-10-ab-ff",
+				"02:00:5e:10:ab:fg", "2:0:5e:10:ab:ff"})
+		EXPECT_FALSE(probe_parse_mac(bad, m)) << bad;
+}
+
+// A reflector on a loopback address of its own, answering per a script:
+// 'r' reply, 'x' ignore, 'o' reply for another discriminator, 'd' reply twice.
+void scripted_reflector(int fd, std::string script)
+{
+	for (char step : script) {
+		std::uint8_t b[64];
+		sockaddr_in from{};
+		socklen_t fl = sizeof from;
+		if (recvfrom(fd, b, sizeof b, 0, reinterpret_cast<sockaddr *>(&from), &fl) < 24)
+			return;
+		bfd_ctrl_pkt p;
+		std::memcpy(&p, b, sizeof p);
+		std::swap(p.my_disc, p.your_disc);
+		p.flags = static_cast<std::uint8_t>(BFD_STATE_UP << 6);
+		if (step == 'o')
+			p.your_disc = htonl(ntohl(p.your_disc) + 1);
+		if (step == 'x')
+			continue;
+		for (int i = 0; i < (step == 'd' ? 2 : 1); i++)
+			sendto(fd, &p, sizeof p, 0, reinterpret_cast<sockaddr *>(&from), fl);
+	}
+}
+
+TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateAndForeign)
+{
+	// 127.77.x.y from the pid, so parallel runs do not share the port.
+	in_addr addr{htonl(0x7f4d0000u | (static_cast<std::uint32_t>(getpid()) & 0xffff))};
+	unique_fd fd{socket(AF_INET, SOCK_DGRAM, 0)};
+	sockaddr_in a{};
+	a.sin_family = AF_INET;
+	a.sin_port = htons(SBFD_PORT);
+	a.sin_addr = addr;
+	ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+	timeval tv{5, 0};
+	setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+	std::thread refl(scripted_reflector, fd.get(), "rxodr");
+
+	ping_options opt;
+	opt.target = addr;
+	opt.count = 5;
+	opt.interval_s = 0.3;
+	opt.timeout_s = 0.2;  // below the interval, so a lost probe is written off before the next
+	opt.params.my_disc = 1234;
+	opt.params.your_disc = 99;
+	ping_stats st;
+	std::string err;
+	char *text = nullptr;
+	std::size_t text_len = 0;
+	std::FILE *out = open_memstream(&text, &text_len);
+	int rc = ping_run(opt, out, &st, &err, nullptr);
+	std::fclose(out);
+	refl.join();
+	std::string output(text, text_len);
+	std::free(text);
+	ASSERT_EQ(rc, PING_OK) << err;
+
+	// Probe 2 is lost, probe 3's reply is for someone else, and the second
+	// reply to probe 4 finds no probe waiting.
+	EXPECT_EQ(st.sent, 5u);
+	EXPECT_EQ(st.received, 3u);
+	EXPECT_EQ(st.late, 1u);
+	EXPECT_EQ(st.foreign, 1u);
+	EXPECT_GT(st.rtt_min_ms, 0);
+	EXPECT_LE(st.rtt_min_ms, st.rtt_max_ms);
+	EXPECT_NE(output.find("seq=1 state=Up"), std::string::npos) << output;
+	EXPECT_NE(output.find("(not for us)"), std::string::npos) << output;
+	EXPECT_EQ(output.find("seq=2 "), std::string::npos) << output;
+}
+
+}  // namespace
