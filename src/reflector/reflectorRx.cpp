@@ -558,27 +558,34 @@ void dump_session(session_node *node)
 	const reflector_session *s = node->shm_session;
 	const std::uint64_t avg = s->num_received >= 2 ? s->period_sum / (s->num_received - 1)
 						       : s->period_sum;
-	// Each ctime text is copied by the trace library when it is put, so the
-	// next ctime call may reuse the buffer.
+	// A record's arguments are all evaluated before the first is put, so
+	// the two ctime texts of one record need buffers of their own (ctime's
+	// static buffer would show the same time twice).
+	constexpr std::size_t CTIME_LEN = 26;  // "Thu Jan  1 00:00:00 1970\n" and NUL
+	char rx_text[CTIME_LEN], rx_change_text[CTIME_LEN], tx_text[CTIME_LEN], tx_change_text[CTIME_LEN];
 	const time_t rx = static_cast<time_t>(s->last_rx.tv_sec);
 	const time_t rx_change = static_cast<time_t>(s->last_state_change.tv_sec);
+	const time_t tx = static_cast<time_t>(s->last_tx.tv_sec);
+	const time_t tx_change = static_cast<time_t>(s->last_tx_state_change.tv_sec);
+	const char *rx_time = ctime_r(&rx, rx_text);  // null for a year ctime cannot show
+	const char *rx_change_time = ctime_r(&rx_change, rx_change_text);
+	const char *tx_time = ctime_r(&tx, tx_text);
+	const char *tx_change_time = ctime_r(&tx_change, tx_change_text);
 	TRACE(TRACE_STATS,
 	      "SESSION STATS-RX: discriminator %d, source_ip %s, min_period %u, max_period %u, "
 	      "avg_period %u, num_received %lu, last_rx %s (%lu.%09lu), last_state_change %s "
 	      "(%lu.%09lu)",
 	      s->discriminator, ip_text(s->source_ip), s->min_period, s->max_period,
-	      static_cast<std::uint32_t>(avg), s->num_received, ctime(&rx),
+	      static_cast<std::uint32_t>(avg), s->num_received, rx_time,
 	      static_cast<std::uint64_t>(s->last_rx.tv_sec),
-	      static_cast<std::uint64_t>(s->last_rx.tv_nsec), ctime(&rx_change),
+	      static_cast<std::uint64_t>(s->last_rx.tv_nsec), rx_change_time,
 	      static_cast<std::uint64_t>(s->last_state_change.tv_sec),
 	      static_cast<std::uint64_t>(s->last_state_change.tv_nsec));
-	const time_t tx = static_cast<time_t>(s->last_tx.tv_sec);
-	const time_t tx_change = static_cast<time_t>(s->last_tx_state_change.tv_sec);
 	TRACE(TRACE_STATS,
 	      "SESSION STATS-TX: num_sent %lu, last_tx %s (%lu.%09lu), last_tx_state_change %s "
 	      "(%lu.%09lu)",
-	      s->num_sent, ctime(&tx), static_cast<std::uint64_t>(s->last_tx.tv_sec),
-	      static_cast<std::uint64_t>(s->last_tx.tv_nsec), ctime(&tx_change),
+	      s->num_sent, tx_time, static_cast<std::uint64_t>(s->last_tx.tv_sec),
+	      static_cast<std::uint64_t>(s->last_tx.tv_nsec), tx_change_time,
 	      static_cast<std::uint64_t>(s->last_tx_state_change.tv_sec),
 	      static_cast<std::uint64_t>(s->last_tx_state_change.tv_nsec));
 }
