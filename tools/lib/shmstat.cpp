@@ -62,7 +62,6 @@ bool ts_is_zero(const shm_timestamp &t) { return t.tv_sec == 0 && t.tv_nsec == 0
 
 bool ts_plausible(const shm_timestamp &t) { return t.tv_sec >= 0 && t.tv_nsec >= 0 && t.tv_nsec < NSEC_PER_SEC; }
 
-double ts_seconds(const shm_timestamp &t) { return double(t.tv_sec) + double(t.tv_nsec) / 1e9; }
 
 // Seconds from `then` to `now`, never negative (a clock set back shows 0).
 double seconds_since(const shm_timestamp &then, const shm_timestamp &now)
@@ -589,6 +588,12 @@ void prom_family(std::string &out, const std::string &name, const char *type, co
 
 std::string prom_double(double v) { return printf_string("%.9g", v); }
 
+// A time stamp in seconds with all nine decimals: a double would round it.
+std::string prom_time(const shm_timestamp &t)
+{
+	return printf_string("%" PRId64 ".%09" PRId64, t.tv_sec, t.tv_nsec);
+}
+
 }  // namespace
 
 std::string shmstat_format_prometheus(const shmstat_snapshot &snap)
@@ -624,10 +629,10 @@ std::string shmstat_format_prometheus(const shmstat_snapshot &snap)
 		{"session_state", "gauge", "State of the last request (0 AdminDown, 1 Down, 2 Init, 3 Up).",
 		 [](const reflector_session &s) { return std::to_string(s.state); }},
 		{"session_last_rx_timestamp_seconds", "gauge", "Time of the last request.",
-		 [](const reflector_session &s) { return prom_double(ts_seconds(s.last_rx)); }},
+		 [](const reflector_session &s) { return prom_time(s.last_rx); }},
 		{"session_last_state_change_timestamp_seconds", "gauge",
 		 "Time of the first request or of the last change of received state.",
-		 [](const reflector_session &s) { return prom_double(ts_seconds(s.last_state_change)); }},
+		 [](const reflector_session &s) { return prom_time(s.last_state_change); }},
 		{"session_gap_min_seconds", "gauge", "Smallest gap between two requests (0 until known).",
 		 [](const reflector_session &s) { return prom_double(double(s.min_period) / 1e6); }},
 		{"session_gap_avg_seconds", "gauge", "Mean gap between requests.",
