@@ -281,6 +281,27 @@ public:
 		}
 	}
 
+	// Every frame seen on the packet socket within `window`, with its
+	// packet type (PACKET_OUTGOING for our own).
+	std::vector<std::pair<int, std::vector<std::uint8_t>>> frames(std::chrono::milliseconds window)
+	{
+		std::vector<std::pair<int, std::vector<std::uint8_t>>> all;
+		auto end = std::chrono::steady_clock::now() + window;
+		timeval tv{0, 20000};
+		setsockopt(raw_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+		while (std::chrono::steady_clock::now() < end) {
+			std::vector<std::uint8_t> f(2048);
+			sockaddr_ll from{};
+			socklen_t fl = sizeof from;
+			ssize_t n = recvfrom(raw_.get(), f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
+			if (n < 0)
+				continue;
+			f.resize(static_cast<std::size_t>(n));
+			all.emplace_back(from.sll_pkttype, std::move(f));
+		}
+		return all;
+	}
+
 private:
 	unique_fd udp_, raw_;
 	std::uint16_t port_ = 0;

@@ -1,0 +1,131 @@
+// bpf_filter_test.cpp -- the two kernel filter programs of the reflector run
+// in an independent classic BPF interpreter (libpcap's bpf_filter) over
+// crafted frames: what each must pass, and what each must drop.
+#include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <pcap/bpf.h>
+
+#include <cstring>
+
+#include "reflector.h"
+#include "sbfd_probe.h"
+
+namespace {
+
+// sock_filter and bpf_insn are the same classic BPF record.
+static_assert(sizeof(sock_filter) == sizeof(bpf_insn));
+static_assert(offsetof(sock_filter, k) == offsetof(bpf_insn, k));
+
+constexpr unsigned ACCEPT = 0xffff;
+
+unsigned run(const sock_filter *prog, const std::vector<std::uint8_t> &f)
+{
+	return bpf_filter(reinterpret_cast<const bpf_insn *>(prog), f.data(), static_cast<unsigned>(f.size()),
+			  static_cast<unsigned>(f.size()));
+}
+
+std::vector<std::uint8_t> ipv4(std::vector<std::uint32_t> labels = {}, std::uint16_t port = SBFD_PORT,
+			       std::uint8_t proto = IP_PROTO_UDP, std::uint16_t frag = 0, std::size_t opts = 0)
+{
+	frame_spec s;
+	s.src_ip = 0xc0000202;
+	s.dst_ip = 0xc0000201;
+	s.src_port = 49152;
+	s.dst_port = port;
+	s.labels = std::move(labels);
+	s.ip_proto = proto;
+	s.frag = frag;
+	s.ip_options.assign(opts, 1);
+	std::uint8_t payload[BFD_PKT_LEN] = {0x20, 0x42, 3, 24};
+	return probe_frame_build(s, payload);
+}
+
+// Ethernet [label 0] IPv6 (no extension headers) with `next` and a
+// destination port.
+std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t port)
+{
+	std::vector<std::uint8_t> f(ETH_HDR_LEN + (labelled ? 4 : 0) + 40 + 8 + BFD_PKT_LEN, 0);
+	std::size_t ip = ETH_HDR_LEN;
+	if (labelled) {
+		f[12] = 0x88, f[13] = 0x47;
+		f[16] = 0x01, f[17] = 0x40;  // label 0, bottom of stack, TTL 64
+		ip += 4;
+	} else {
+		f[12] = 0x86, f[13] = 0xdd;
+	}
+	f[ip] = 0x60;
+	f[ip + 6] = next;
+	f[ip + 7] = 64;
+	f[ip + 40 + 2] = static_cast<std::uint8_t>(port >> 8);
+	f[ip + 40 + 3] = static_cast<std::uint8_t>(port);
+	return f;
+}
+
+std::vector<std::uint8_t> cut(std::vector<std::uint8_t> f, std::size_t len)
+{
+	f.resize(len);
+	return f;
+}
+
+TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
+{
+	auto tc_ttl = ipv4({0});
+	tc_ttl[16] |= 0x0e;  // traffic class 7
+	tc_ttl[17] = 1;      // TTL 1
+	auto vlan = ipv4();
+	vlan[12] = 0x81, vlan[13] = 0x00;
+	struct {
+		const char *what;
+		std::vector<std::uint8_t> frame;
+		unsigned udp, mpls;
+	} cases[] = {
+		{"IPv4 UDP to 7784", ipv4(), ACCEPT, 0},
+		{"IPv4 UDP to 7785", ipv4({}, 7785), 0, 0},
+		{"IPv4 UDP to 3784", ipv4({}, 3784), 0, 0},
+		{"IPv4 TCP to 7784", ipv4({}, SBFD_PORT, 6), 0, 0},
+		{"IPv4 with 8 bytes of options", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0, 8), ACCEPT, 0},
+		{"IPv4 with 40 bytes of options", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0, 40), ACCEPT, 0},
+		{"first fragment, More Fragments", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x2000), ACCEPT, 0},
+		{"Don't Fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x4000), ACCEPT, 0},
+		{"non-first fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x0010), 0, 0},
+		{"last fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x0001), 0, 0},
+		{"IPv6 UDP to 7784", ipv6(false, 17, SBFD_PORT), ACCEPT, 0},
+		{"IPv6 UDP to 7785", ipv6(false, 17, 7785), 0, 0},
+		{"IPv6 TCP to 7784", ipv6(false, 6, SBFD_PORT), 0, 0},
+		{"VLAN tag", vlan, 0, 0},
+		{"label 0, IPv4 UDP to 7784", ipv4({0}), 0, ACCEPT},
+		{"label 0, traffic class and TTL set", tc_ttl, 0, ACCEPT},
+		{"label 0, UDP to 7785", ipv4({0}, 7785), 0, 0},
+		{"label 1", ipv4({1}), 0, 0},
+		{"label 16", ipv4({16}), 0, 0},
+		{"label 0xfffff", ipv4({0xfffff}), 0, 0},
+		{"two labels", ipv4({0, 0}), 0, 0},
+		{"label 0, TCP to 7784", ipv4({0}, SBFD_PORT, 6), 0, ACCEPT},
+		{"label 0, SCTP to 7784", ipv4({0}, SBFD_PORT, 132), 0, ACCEPT},
+		{"label 0, ICMP", ipv4({0}, SBFD_PORT, 1), 0, 0},
+		{"label 0, IPv4 options", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0, 12), 0, ACCEPT},
+		{"label 0, non-first fragment", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0x0100), 0, 0},
+		{"label 0, IPv6 UDP to 7784", ipv6(true, 17, SBFD_PORT), 0, ACCEPT},
+		{"label 0, IPv6 SCTP to 7784", ipv6(true, 132, SBFD_PORT), 0, ACCEPT},
+		{"label 0, IPv6 UDP to 7785", ipv6(true, 17, 7785), 0, 0},
+		{"IPv4 cut before the ports", cut(ipv4(), 14 + 20 + 2), 0, 0},
+		{"IPv4 cut after the ports", cut(ipv4(), 14 + 20 + 4), ACCEPT, 0},
+		{"label 0 cut inside the label", cut(ipv4({0}), 16), 0, 0},
+		{"label 0 cut before the ports", cut(ipv4({0}), 18 + 20 + 3), 0, 0},
+		{"Ethernet header only", cut(ipv4(), 14), 0, 0},
+	};
+	for (const auto &c : cases) {
+		EXPECT_EQ(run(sbfd_udp_filter, c.frame), c.udp) << "sbfd_udp_filter: " << c.what;
+		EXPECT_EQ(run(sbfd_mpls_filter, c.frame), c.mpls) << "sbfd_mpls_filter: " << c.what;
+	}
+}
+
+TEST(BpfFilters, EveryJumpStaysInsideItsProgram)
+{
+	// libpcap's own checker: valid opcodes, jumps forward and within range,
+	// a return at the end.
+	EXPECT_TRUE(bpf_validate(reinterpret_cast<const bpf_insn *>(sbfd_udp_filter), SBFD_UDP_FILTER_LEN));
+	EXPECT_TRUE(bpf_validate(reinterpret_cast<const bpf_insn *>(sbfd_mpls_filter), SBFD_MPLS_FILTER_LEN));
+}
+
+}  // namespace
