@@ -157,7 +157,7 @@ std::time_t to_time(std::uint64_t sec)
 
 blr_file::~blr_file()
 {
-	if (base)
+	if (base && mapped)
 		munmap(const_cast<unsigned char *>(base), size);
 	if (fd != -1)
 		close(fd);
@@ -218,12 +218,19 @@ std::string blr_open(blr_file &f, const char *path)
 		return f.path + ": not a trace file";
 	if (st.st_size == 0)
 		return f.path + ": not a trace file (empty)";
-	f.size = static_cast<std::size_t>(st.st_size);
-	void *m = mmap(nullptr, f.size, PROT_READ, MAP_SHARED, f.fd, 0);
+	const std::size_t size = static_cast<std::size_t>(st.st_size);
+	void *m = mmap(nullptr, size, PROT_READ, MAP_SHARED, f.fd, 0);
 	if (m == MAP_FAILED)
 		return f.path + ": " + std::strerror(errno);
-	f.base = static_cast<const unsigned char *>(m);
+	f.mapped = true;
+	return blr_attach(f, {static_cast<const unsigned char *>(m), size}, path);
+}
 
+std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const char *name)
+{
+	f.path = name;
+	f.base = image.data();
+	f.size = image.size();
 	const std::string why = blr_check_header({f.base, f.size});
 	if (!why.empty())
 		return f.path + ": " + why;

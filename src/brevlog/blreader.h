@@ -61,6 +61,7 @@ struct blr_file {
 	int fd = -1;
 	const unsigned char *base = nullptr;
 	std::size_t size = 0;
+	bool mapped = false;  // base is our mapping (blr_open), not the caller's image
 	std::uint32_t nlevels = 0;
 	std::uint64_t desc_size = 0;
 	std::vector<blr_level> levels;
@@ -84,6 +85,10 @@ std::string blr_check_header(std::span<const unsigned char> image);
 // descriptors. Returns "" on success, else the one-line message
 // "<path>: <reason>".
 std::string blr_open(blr_file &f, const char *path);
+
+// Like blr_open on a file image the caller keeps alive as long as `f`
+// (tests and fuzz targets). `name` stands for the path in messages.
+std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const char *name);
 
 // (Re-)reads the descriptor area; descriptors still being written are
 // skipped. Returns "" or "corrupt descriptor at offset N".
