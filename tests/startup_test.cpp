@@ -22,7 +22,7 @@ namespace {
 
 const std::string DAEMON = ORV_BIN_DIR "/orvalindwarden";
 const std::string BLCAT = ORV_BIN_DIR "/blcat";
-constexpr const char *PID_FILE = "/var/run/orvalindwarden.pid";
+const char *const PID_FILE = testutil::DAEMON_PID_FILE;
 
 const std::string HELP =
 	"SBFD Reflector [-h] [-D] [-A] -d DISCRIMINATOR -p SOURCEIP -r MINRX \n"
@@ -165,6 +165,8 @@ protected:
 			if (testutil::process_alive(other) && comm && comm->rfind("orvalindwarden", 0) == 0)
 				GTEST_SKIP() << "a reflector daemon is running (pid " << other << ")";
 		}
+		pid_lock_.emplace(testutil::DAEMON_PID_FILE_LOCK);
+		ASSERT_TRUE(pid_lock_->ok());
 		pid_file_.emplace(PID_FILE);
 		ns_.emplace(testutil::unique_name("orvtest"));
 		ASSERT_TRUE(ns_->ok());
@@ -196,6 +198,7 @@ protected:
 	bool trace_readable() const { return !trace().empty(); }
 
 	mode_t old_umask_ = 0;
+	std::optional<testutil::file_lock> pid_lock_;  // declared first: released last
 	std::optional<testutil::file_restore> pid_file_;
 	std::optional<testutil::netns> ns_;
 	std::optional<testutil::dummy_link> link_;

@@ -21,6 +21,7 @@
 
 #include <fcntl.h>
 #include <ftw.h>
+#include <sys/file.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -295,6 +296,41 @@ private:
 	std::string path_;
 	std::optional<std::string> saved_;
 };
+
+// An exclusive lock (flock) on `path`, held for the owner's lifetime, so
+// that tests changing one global resource run one at a time even under
+// ctest -j. Waits at most `timeout` for it; ok() tells whether it is held.
+class file_lock {
+public:
+	explicit file_lock(const std::string &path,
+			   std::chrono::milliseconds timeout = std::chrono::seconds(120))
+	{
+		fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+		if (fd_ >= 0)
+			held_ = wait_until([&] { return flock(fd_, LOCK_EX | LOCK_NB) == 0; }, timeout,
+					   std::chrono::milliseconds(20));
+	}
+	~file_lock()
+	{
+		if (fd_ >= 0)
+			close(fd_);  // releases the lock
+	}
+	file_lock(const file_lock &) = delete;
+	file_lock &operator=(const file_lock &) = delete;
+
+	bool ok() const { return held_; }
+
+private:
+	int fd_ = -1;
+	bool held_ = false;
+};
+
+// Every start of the daemon rewrites /var/run/orvalindwarden.pid. A test that
+// starts the daemon holds this lock (file_lock) around its start and a
+// file_restore of the pid file, so that concurrent tests neither read each
+// other's pid nor restore each other's content in the wrong order.
+constexpr const char *DAEMON_PID_FILE = "/var/run/orvalindwarden.pid";
+constexpr const char *DAEMON_PID_FILE_LOCK = "/run/lock/orvalindwarden-tests.lock";
 
 // True while process `pid` exists and is not a zombie.
 inline bool process_alive(pid_t pid)
