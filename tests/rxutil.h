@@ -131,12 +131,13 @@ inline std::vector<std::uint8_t> build_frame(const frame_opts &o, const std::vec
 		const auto *p = reinterpret_cast<const std::uint8_t *>(&be);
 		f.insert(f.end(), p, p + 4);
 	}
-	const std::size_t ip_off = f.size();
-	f.resize(ip_off + 4 * std::size_t{o.ihl}, 0);
-	f[ip_off] = static_cast<std::uint8_t>(0x40 | o.ihl);
-	f[ip_off + 8] = 64;
-	f[ip_off + 9] = o.proto;
-	std::memcpy(&f[ip_off + 12], &o.src_ip, 4);
+	// An IHL below 5 keeps only the first 4 x IHL bytes of the header.
+	std::uint8_t iph[60] = {};
+	iph[0] = static_cast<std::uint8_t>(0x40 | (o.ihl & 0x0F));
+	iph[8] = 64;
+	iph[9] = o.proto;
+	std::memcpy(&iph[12], &o.src_ip, 4);
+	f.insert(f.end(), iph, iph + 4 * std::size_t{o.ihl & 0x0Fu});
 	const std::size_t udp = f.size();
 	f.resize(udp + 8, 0);
 	f[udp] = static_cast<std::uint8_t>(o.src_port >> 8);
