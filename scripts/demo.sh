@@ -1,14 +1,21 @@
 #!/usr/bin/env bash
-# demo.sh -- builds the reflector and starts it in a network namespace of its
-# own, with 192.0.2.1/24 on a veth interface there; after a moment it sends
-# the daemon its ignored signal, prints the daemon's trace with blcat, stops
-# the daemon by its pid and removes everything it made (also on Ctrl-C).
+# demo.sh -- the whole reflector at work: builds the tree, creates two
+# network namespaces joined by a veth pair, starts the daemon in one, probes
+# it with sbfd-ping from the other (plain and under MPLS label 0), takes it
+# administratively down and back up with orvalindwarden-ctl while probing,
+# shows its shared store and prints its trace with blcat. Everything it made
+# is removed at the end, also when it fails or is interrupted.
+#
+#   reflector namespace orvdemo-r-PID   vr0 192.0.2.1/24
+#        | veth
+#   initiator namespace orvdemo-i-PID   vi0 192.0.2.2/24
 #
 # Run as root on Debian 12. BUILD_DIR chooses the build directory (default
 # build/ at the top of the tree).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$top/build}
+bin=$build/bin
 
 if [ "$(id -u)" -ne 0 ]; then
 	echo "demo.sh: needs root (network namespaces, packet sockets)" >&2
@@ -18,9 +25,14 @@ fi
 bash "$top/scripts/deps.sh"
 bash "$top/scripts/build.sh" "$build"
 
-ns=orvdemo-$$
-addr=192.0.2.1
+ns_r=orvdemo-r-$$
+ns_i=orvdemo-i-$$
+addr_r=192.0.2.1
+addr_i=192.0.2.2
+disc=1
+min_rx=50000
 pid_file=/var/run/orvalindwarden.pid
+shm_name=orvalindwarden-$ns_r # NSPATH=/$ns_r, "/" becomes "-"
 work=$(mktemp -d "/tmp/orvdemo-$$-XXXXXX")
 daemon_pid=
 
@@ -31,12 +43,14 @@ fi
 
 cleanup() {
 	trap - EXIT INT TERM
+	echo "== cleaning up"
 	if [ -n "$daemon_pid" ] && kill -0 "$daemon_pid" 2>/dev/null; then
 		kill "$daemon_pid" 2>/dev/null || true
 		wait "$daemon_pid" 2>/dev/null || true
 	fi
-	ip netns del "$ns" 2>/dev/null || true
-	rm -f "/dev/shm/orvalindwarden-$ns"
+	ip netns del "$ns_i" 2>/dev/null || true
+	ip netns del "$ns_r" 2>/dev/null || true
+	rm -f "/dev/shm/$shm_name"
 	if [ -e "$work/pid_file.saved" ]; then
 		cp -p "$work/pid_file.saved" "$pid_file"
 	else
@@ -47,34 +61,77 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-echo "== namespace $ns, $addr/24 on veth0"
-ip netns add "$ns"
-ip -n "$ns" link set lo up
-ip -n "$ns" link add veth0 type veth peer name veth1
-ip -n "$ns" addr add "$addr/24" dev veth0
-ip -n "$ns" link set veth0 up
-ip -n "$ns" link set veth1 up
+step() { printf '\n== %s\n' "$*"; }
 
-echo "== starting the reflector (discriminator 1, minRx 50000 us)"
-BREVLOG_DIR=$work NSPATH=/$ns \
-	ip netns exec "$ns" "$build/bin/orvalindwarden" -d 1 -p "$addr" -r 50000 &
+# Runs sbfd-ping in the initiator namespace; a probe run without reply is
+# reported, not fatal, so the demo goes on.
+ping_reflector() {
+	ip netns exec "$ns_i" "$bin/sbfd-ping" --your-disc "$disc" "$@" "$addr_r" ||
+		echo "   (sbfd-ping: no reply, status $?)"
+}
+
+ctl() {
+	"$bin/orvalindwarden-ctl" --netns "$ns_r" --pid "$daemon_pid" \
+		--discriminator "$disc" --min-rx "$min_rx" --source "$addr_r" "$@"
+}
+
+step "namespaces $ns_r ($addr_r/24 on vr0) and $ns_i ($addr_i/24 on vi0)"
+ip netns add "$ns_r"
+ip netns add "$ns_i"
+ip -n "$ns_r" link set lo up
+ip -n "$ns_i" link set lo up
+ip -n "$ns_r" link add vr0 type veth peer name vi0 netns "$ns_i"
+ip -n "$ns_r" addr add "$addr_r/24" dev vr0
+ip -n "$ns_i" addr add "$addr_i/24" dev vi0
+ip -n "$ns_r" link set vr0 up
+ip -n "$ns_i" link set vi0 up
+
+step "starting the reflector: discriminator $disc, source $addr_r, minRx $min_rx us"
+BREVLOG_DIR=$work NSPATH=/$ns_r \
+	ip netns exec "$ns_r" "$bin/orvalindwarden" -d "$disc" -p "$addr_r" -r "$min_rx" &
 daemon_pid=$!
-sleep 1
-if ! kill -0 "$daemon_pid" 2>/dev/null; then
-	wait "$daemon_pid" && status=0 || status=$?
-	daemon_pid=
-	echo "demo.sh: the reflector ended at start-up with status $status" >&2
-	"$build/bin/blcat" "$work/orvalindwarden.bl" || true
+ready=
+for _ in $(seq 100); do
+	if ! kill -0 "$daemon_pid" 2>/dev/null; then
+		break
+	fi
+	if "$bin/blcat" "$work/orvalindwarden.bl" 2>/dev/null | grep -q "INIT: orvalindwarden ready"; then
+		ready=1
+		break
+	fi
+	sleep 0.1
+done
+if [ -z "$ready" ]; then
+	echo "demo.sh: the reflector did not become ready" >&2
+	"$bin/blcat" "$work/orvalindwarden.bl" 2>/dev/null || true
 	exit 1
 fi
-echo "   running as pid $daemon_pid; pid file says $(cat "$pid_file" 2>/dev/null || echo nothing)"
-echo "   shared store: $(stat -c '%n %s bytes mode %a' "/dev/shm/orvalindwarden-$ns")"
+echo "   ready, pid $daemon_pid; pid file says $(cat "$pid_file" 2>/dev/null || echo nothing)"
 
-echo "== sending SIGRTMIN+9 (noted in the trace, otherwise ignored)"
-kill -s RTMIN+9 "$daemon_pid"
-sleep 0.2
+step "sbfd-ping from $ns_i: plain UDP to $addr_r port 7784"
+ping_reflector -c 3 -i 0.2 --my-disc 100
 
-echo "== trace ($work/orvalindwarden.bl)"
-"$build/bin/blcat" "$work/orvalindwarden.bl"
+step "sbfd-ping from $ns_i: the same request under MPLS label 0 on vi0, with Poll"
+ping_reflector -c 3 -i 0.2 --my-disc 101 --mpls vi0 --poll
 
-echo "== stopping pid $daemon_pid"
+step "orvalindwarden-ctl: administratively down (replies turn AdminDown, diag 7)"
+ctl --admin-down
+ping_reflector -c 2 -i 0.2 --my-disc 100 --state up
+
+step "orvalindwarden-ctl: back up"
+ctl --admin-up
+ping_reflector -c 2 -i 0.2 --my-disc 100 --state up
+
+step "orvalindwarden-ctl refuses what it cannot send"
+"$bin/orvalindwarden-ctl" --netns "$ns_r" --pid "$daemon_pid" --discriminator "$disc" \
+	--min-rx "$min_rx" --source 192.0.2.300 --admin-up || true
+"$bin/orvalindwarden-ctl" --netns "$ns_r" --pid $$ --discriminator "$disc" \
+	--min-rx "$min_rx" --source "$addr_r" --admin-up || true
+
+if [ -x "$bin/orvalindwarden-stat" ]; then
+	step "shared store /dev/shm/$shm_name"
+	"$bin/orvalindwarden-stat" -o "$shm_name" || true
+fi
+
+step "trace ($work/orvalindwarden.bl)"
+"$bin/blcat" "$work/orvalindwarden.bl"
