@@ -267,14 +267,3 @@ TEST(FrameReception, ReceiveErrorsCountNothing)
 	const std::uint8_t zero[SHM_HEADER_SIZE] = {};
 	EXPECT_EQ(std::memcmp(h.shm(), zero, sizeof zero), 0);
 }
-
-TEST(PacketValid, NullArgumentsCountNothing)
-{
-	harness h;
-	bfd_ctrl_pkt p{};
-	sockaddr_in from{};
-	EXPECT_FALSE(sbfd_packet_valid(nullptr, 24, from, h.vrf.get()));
-	EXPECT_FALSE(sbfd_packet_valid(&p, 24, from, nullptr));
-	const std::uint8_t zero[SHM_HEADER_SIZE] = {};
-	EXPECT_EQ(std::memcmp(h.shm(), zero, sizeof zero), 0);
-}

@@ -248,11 +248,6 @@ TEST(SessionTable, DumpListsEveryChainedSessionByBucket)
 	EXPECT_EQ(recs[3].second, "2: slot 1390 discriminator 2, source_ip 10.0.0.1");
 }
 
-TEST(SessionTable, NullContextFindsNothing)
-{
-	EXPECT_EQ(get_session(nullptr, 1, 1), nullptr);
-}
-
 TEST(SessionTableDeathTest, BrokenInvariantsAbortWithTheirText)
 {
 	struct {
