@@ -442,8 +442,8 @@ bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in fr
 void get_tx_data(bfd_ctrl_pkt *bfd);
 
 // One-at-a-time hash step over the four bytes of `value`, low byte first,
-// starting from `seed`; with the final avalanche when `final` is nonzero.
-std::uint32_t hashmix(std::uint32_t value, std::uint32_t seed, std::int32_t final);
+// starting from `initial`; with the final avalanche when `final` is nonzero.
+std::uint32_t hashmix(std::uint32_t value, std::uint32_t initial, std::int32_t final);
 
 // Bucket index (0..2047) of a session key.
 std::uint32_t get_session_hash(std::uint32_t source_ip, std::uint32_t discriminator);

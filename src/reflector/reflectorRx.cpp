@@ -334,9 +334,9 @@ void get_tx_data(bfd_ctrl_pkt *bfd)
 
 // ---- session table ----
 
-std::uint32_t hashmix(std::uint32_t value, std::uint32_t seed, std::int32_t final)
+std::uint32_t hashmix(std::uint32_t value, std::uint32_t initial, std::int32_t final)
 {
-	std::uint32_t h = seed;
+	std::uint32_t h = initial;
 	for (int shift = 0; shift < 32; shift += 8) {
 		h += (value >> shift) & 0xFF;
 		h += h << 10;
