@@ -17,6 +17,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -35,11 +36,13 @@ struct bench_ctx {
 	reflector_vrf *vrf = new reflector_vrf{};
 	bl_log *trace = nullptr;
 	int out[2] = {-1, -1};
+	std::string trace_dir;
 
 	bench_ctx()
 	{
 		char dir[] = "/tmp/orv-bench-rx-XXXXXX";
 		if (mkdtemp(dir) != nullptr) {
+			trace_dir = dir;
 			setenv("BREVLOG_DIR", dir, 1);
 			trace = bl_initialize_handle(TRACE_FILE_NAME, TRACE_LEVEL_SIZES);
 		}
@@ -60,6 +63,14 @@ struct bench_ctx {
 			vrf->shm->rx_valid_pkts++;
 			get_session(vrf, d, inet_addr("192.0.2.1"));
 		}
+	}
+	~bench_ctx()
+	{
+		bl_handle = nullptr;
+		if (trace != nullptr)
+			bl_close(trace);
+		if (!trace_dir.empty())
+			std::filesystem::remove_all(trace_dir);
 	}
 };
 
