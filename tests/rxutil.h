@@ -347,13 +347,14 @@ private:
 	}
 	~trace_reader()
 	{
-		if (!dir_.empty()) {
+		if (!dir_.empty() && getpid() == owner_) {  // not in a death test's child
 			std::string cmd = "rm -rf '" + dir_ + "'";
 			if (std::system(cmd.c_str()) != 0) {
 			}
 		}
 	}
 	bool open_ = false;
+	pid_t owner_ = getpid();
 	std::string dir_;
 	blr_file file_;
 };
