@@ -1,0 +1,310 @@
+// loadgen.cpp -- load generator of the reflector benchmark: many initiators
+// at once, each with its own My Discriminator and UDP source port, offering
+// well-formed S-BFD requests at a paced aggregate rate, matching every reply
+// to its request and reporting loss and round-trip time percentiles.
+//
+// Runs in the initiator's network namespace. One thread, one UDP socket per
+// session, all on one epoll set. Matching: a reflector echoes Desired Min TX
+// Interval unchanged (RFC 7880 section 7.2 leaves it to the initiator), so
+// each request carries its sequence number there and the reply names the
+// request exactly; the reply's Your Discriminator names the session. A reply
+// that is malformed, names a request never sent or already answered, comes
+// from another session, or does not carry the expected reflector fields is
+// counted as wrong.
+//
+// Output: one line of key=value pairs (times in microseconds), for bench/run.sh.
+#include <arpa/inet.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "sbfd_probe.h"
+#include "unique_fd.h"
+
+namespace {
+
+struct loadgen_options {
+	in_addr target{};            // reflector address
+	in_addr source{};            // our address (every session's socket binds to it)
+	std::uint32_t your_disc = 0;  // the reflector's discriminator
+	std::uint32_t sessions = 512;
+	std::uint32_t first_disc = 1000;  // My Discriminator of session 0; session i has first_disc + i
+	double rate = 10000;         // requests per second, all sessions together
+	double duration_s = 3;       // sending time
+	double drain_s = 0.3;        // wait for late replies after the last request
+	bool expect_admin_down = false;
+};
+
+std::uint64_t now_ns()
+{
+	timespec ts;
+	clock_gettime(CLOCK_MONOTONIC, &ts);
+	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+void usage(std::FILE *f)
+{
+	std::fprintf(f,
+		     "usage: loadgen --target ADDR --source ADDR --your-disc N [--sessions N]\n"
+		     "               [--first-disc N] [--rate PER_S] [--duration S] [--drain S]\n"
+		     "               [--admin-down]\n"
+		     "Offers --rate requests per second for --duration seconds, spread evenly over\n"
+		     "--sessions initiators, and prints one key=value line of results.\n");
+}
+
+bool parse(int argc, char **argv, loadgen_options *o)
+{
+	for (int i = 1; i < argc; i++) {
+		std::string a = argv[i];
+		const char *v = i + 1 < argc ? argv[i + 1] : nullptr;
+		auto need = [&] {
+			if (!v) {
+				std::fprintf(stderr, "loadgen: %s needs a value\n", a.c_str());
+				return false;
+			}
+			i++;
+			return true;
+		};
+		if (a == "--admin-down") {
+			o->expect_admin_down = true;
+		} else if (a == "--target" || a == "--source") {
+			if (!need() || inet_pton(AF_INET, v, a == "--target" ? &o->target : &o->source) != 1)
+				return false;
+		} else if (a == "--your-disc") {
+			if (!need())
+				return false;
+			o->your_disc = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
+		} else if (a == "--sessions") {
+			if (!need())
+				return false;
+			o->sessions = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
+		} else if (a == "--first-disc") {
+			if (!need())
+				return false;
+			o->first_disc = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
+		} else if (a == "--rate") {
+			if (!need())
+				return false;
+			o->rate = std::atof(v);
+		} else if (a == "--duration") {
+			if (!need())
+				return false;
+			o->duration_s = std::atof(v);
+		} else if (a == "--drain") {
+			if (!need())
+				return false;
+			o->drain_s = std::atof(v);
+		} else {
+			return false;
+		}
+	}
+	return o->target.s_addr != 0 && o->source.s_addr != 0 && o->your_disc != 0 &&
+	       o->sessions > 0 && o->sessions <= 65536 && o->rate > 0 && o->duration_s > 0 &&
+	       o->first_disc != 0;
+}
+
+struct session_socket {
+	unique_fd fd;
+	std::uint32_t my_disc = 0;
+};
+
+struct results {
+	std::uint64_t sent = 0, send_fail = 0, received = 0, wrong = 0, duplicate = 0;
+	std::vector<std::uint32_t> rtt_ns;  // one per matched reply
+	double send_elapsed_s = 0;
+};
+
+double percentile_us(const std::vector<std::uint32_t> &sorted, double q)
+{
+	if (sorted.empty())
+		return 0;
+	std::size_t k = static_cast<std::size_t>(std::ceil(q * static_cast<double>(sorted.size()))) ;
+	k = std::clamp<std::size_t>(k, 1, sorted.size()) - 1;
+	return sorted[k] / 1000.0;
+}
+
+class generator {
+public:
+	explicit generator(const loadgen_options &o) : opt_(o) {}
+
+	bool open_sockets()
+	{
+		ep_ = unique_fd{epoll_create1(EPOLL_CLOEXEC)};
+		if (ep_.get() < 0)
+			return false;
+		socks_.resize(opt_.sessions);
+		for (std::uint32_t i = 0; i < opt_.sessions; i++) {
+			session_socket &s = socks_[i];
+			s.fd = unique_fd{socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+			s.my_disc = opt_.first_disc + i;
+			sockaddr_in a{};
+			a.sin_family = AF_INET;
+			a.sin_addr = opt_.source;
+			// A connected socket: the kernel routes once and drops strays.
+			sockaddr_in d{};
+			d.sin_family = AF_INET;
+			d.sin_port = htons(SBFD_PORT);
+			d.sin_addr = opt_.target;
+			if (s.fd.get() < 0 || bind(s.fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
+			    connect(s.fd.get(), reinterpret_cast<sockaddr *>(&d), sizeof d) != 0) {
+				std::fprintf(stderr, "loadgen: session socket %u: %s\n", i, std::strerror(errno));
+				return false;
+			}
+			epoll_event ev{};
+			ev.events = EPOLLIN;
+			ev.data.u32 = i;
+			if (epoll_ctl(ep_.get(), EPOLL_CTL_ADD, s.fd.get(), &ev) != 0)
+				return false;
+		}
+		return true;
+	}
+
+	results run()
+	{
+		const std::uint64_t total =
+			static_cast<std::uint64_t>(std::llround(opt_.rate * opt_.duration_s));
+		const double period_ns = 1e9 / opt_.rate;
+		sent_at_.assign(total, 0);
+		res_.rtt_ns.reserve(total);
+		const std::uint64_t start = now_ns();
+		std::uint64_t seq = 0;
+		for (;;) {
+			const std::uint64_t now = now_ns();
+			// Send every request whose time has come (catching up after a stall).
+			while (seq < total && start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns) <= now) {
+				send_one(seq, now);
+				seq++;
+			}
+			if (seq == total)
+				break;
+			const std::uint64_t due = start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns);
+			const std::uint64_t wait = due > now_ns() ? due - now_ns() : 0;
+			poll_replies(wait);
+		}
+		res_.send_elapsed_s = static_cast<double>(now_ns() - start) / 1e9;
+		const std::uint64_t drain_end = now_ns() + static_cast<std::uint64_t>(opt_.drain_s * 1e9);
+		while (res_.received < res_.sent) {
+			const std::uint64_t now = now_ns();
+			if (now >= drain_end)
+				break;
+			poll_replies(std::min<std::uint64_t>(drain_end - now, 10000000));
+		}
+		return std::move(res_);
+	}
+
+private:
+	void send_one(std::uint64_t seq, std::uint64_t now)
+	{
+		session_socket &s = socks_[seq % socks_.size()];
+		probe_params p;
+		p.my_disc = s.my_disc;
+		p.your_disc = opt_.your_disc;
+		p.state = BFD_STATE_UP;
+		p.min_tx_us = static_cast<std::uint32_t>(seq);  // echoed: names the request
+		p.min_rx_us = 3300;
+		std::uint8_t b[BFD_PKT_LEN];
+		probe_encode_request(p, b);
+		sent_at_[seq] = now;
+		if (send(s.fd.get(), b, sizeof b, 0) == static_cast<ssize_t>(sizeof b))
+			res_.sent++;
+		else
+			res_.send_fail++;  // not sent: neither a loss nor a reply
+	}
+
+	// Reads every reply that arrives within `wait_ns`.
+	void poll_replies(std::uint64_t wait_ns)
+	{
+		epoll_event evs[64];
+		timespec ts{static_cast<time_t>(wait_ns / 1000000000u), static_cast<long>(wait_ns % 1000000000u)};
+		const int n = epoll_pwait2(ep_.get(), evs, 64, &ts, nullptr);
+		for (int i = 0; i < n; i++)
+			drain_socket(evs[i].data.u32);
+	}
+
+	void drain_socket(std::uint32_t idx)
+	{
+		std::uint8_t b[64];
+		for (;;) {
+			const ssize_t n = recv(socks_[idx].fd.get(), b, sizeof b, MSG_DONTWAIT);
+			if (n < 0)
+				return;
+			const std::uint64_t now = now_ns();
+			check_reply(idx, b, static_cast<std::size_t>(n), now);
+		}
+	}
+
+	void check_reply(std::uint32_t idx, const std::uint8_t *b, std::size_t n, std::uint64_t now)
+	{
+		bfd_ctrl_pkt pkt;
+		if (n != BFD_PKT_LEN || !probe_decode({b, n}, &pkt)) {
+			res_.wrong++;
+			return;
+		}
+		const std::uint64_t seq = ntohl(pkt.min_tx_interval);
+		const std::uint8_t want_state = opt_.expect_admin_down ? BFD_STATE_ADMIN_DOWN : BFD_STATE_UP;
+		const bool fields_ok = ntohl(pkt.my_disc) == opt_.your_disc &&
+				       ntohl(pkt.your_disc) == socks_[idx].my_disc &&
+				       bfd_state_of(pkt) == want_state && (pkt.flags & BFD_FLAG_D) == 0 &&
+				       pkt.min_echo_rx_interval == 0 && seq < sent_at_.size() &&
+				       seq % socks_.size() == idx;
+		if (!fields_ok) {
+			res_.wrong++;
+			return;
+		}
+		if (sent_at_[seq] == 0) {
+			res_.duplicate++;
+			return;
+		}
+		res_.received++;
+		res_.rtt_ns.push_back(static_cast<std::uint32_t>(std::min<std::uint64_t>(now - sent_at_[seq], UINT32_MAX)));
+		sent_at_[seq] = 0;
+	}
+
+	loadgen_options opt_;
+	unique_fd ep_;
+	std::vector<session_socket> socks_;
+	std::vector<std::uint64_t> sent_at_;  // CLOCK_MONOTONIC ns of each request; 0 once answered
+	results res_;
+};
+
+}  // namespace
+
+int main(int argc, char **argv)
+{
+	loadgen_options opt;
+	if (argc > 1 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)) {
+		usage(stdout);
+		return 0;
+	}
+	if (!parse(argc, argv, &opt)) {
+		usage(stderr);
+		return 2;
+	}
+	generator g(opt);
+	if (!g.open_sockets())
+		return 2;
+	results r = g.run();
+	std::sort(r.rtt_ns.begin(), r.rtt_ns.end());
+	const std::uint64_t lost = r.sent - r.received;
+	const double loss_pct = r.sent ? 100.0 * static_cast<double>(lost) / static_cast<double>(r.sent) : 0;
+	std::printf("rate=%.0f offered=%.0f sent=%llu send_fail=%llu received=%llu lost=%llu loss_pct=%.4f "
+		    "wrong=%llu duplicate=%llu p50_us=%.1f p90_us=%.1f p99_us=%.1f p999_us=%.1f max_us=%.1f\n",
+		    opt.rate, static_cast<double>(r.sent + r.send_fail) / r.send_elapsed_s,
+		    static_cast<unsigned long long>(r.sent), static_cast<unsigned long long>(r.send_fail),
+		    static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(lost), loss_pct,
+		    static_cast<unsigned long long>(r.wrong), static_cast<unsigned long long>(r.duplicate),
+		    percentile_us(r.rtt_ns, 0.50), percentile_us(r.rtt_ns, 0.90), percentile_us(r.rtt_ns, 0.99),
+		    percentile_us(r.rtt_ns, 0.999), r.rtt_ns.empty() ? 0.0 : r.rtt_ns.back() / 1000.0);
+	return 0;
+}
