@@ -151,8 +151,9 @@ void bl_put_fmt_u8(bl_log *h, void *desc, const std::uint8_t *v);
 void bl_put_fmt_s64(bl_log *h, void *desc, const std::int64_t *v);
 
 // Appends a value to the innermost open record, which must be of `level`.
-// A text is copied at once (a null pointer is stored as "(null)"); a value
-// that does not fit in BL_MAX_RECORD is dropped.
+// A text is copied at once (a null pointer is stored as "(null)") and cut
+// to the room left in the record; any other value that does not fit in
+// BL_MAX_RECORD is dropped.
 void bl_put_type_bool(bl_log *h, int level, const bool *v);
 void bl_put_type_charp(bl_log *h, int level, const char *const *v);
 void bl_put_type_s32(bl_log *h, int level, const std::int32_t *v);
