@@ -10,6 +10,9 @@
 // zeroed bytes of the receive buffer; peer input never reaches an ENSURE.
 #include <arpa/inet.h>
 #include <event2/event.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -92,6 +95,34 @@ std::uint32_t load_u32_within(const std::uint8_t *buf, std::size_t n, std::size_
 std::uint8_t load_u8_within(const std::uint8_t *buf, std::size_t n, std::size_t off)
 {
 	return off < n ? buf[off] : 0;
+}
+
+// Dotted-quad text of an IPv4 address (network order), the text inet_ntoa
+// gives, built without stdio: the packet path traces the initiator's address
+// twice per request, and inet_ntoa's snprintf cost more than the rest of
+// the request's user-space work. The text lives as long as the value.
+struct ip_dotted {
+	char text[16];  // "255.255.255.255" and NUL
+};
+
+ip_dotted dotted(std::uint32_t addr_net)
+{
+	ip_dotted d;
+	const auto *b = reinterpret_cast<const std::uint8_t *>(&addr_net);
+	char *p = d.text;
+	for (int i = 0; i < 4; i++) {
+		unsigned v = b[i];
+		if (v >= 100) {
+			*p++ = static_cast<char>('0' + v / 100);
+			v %= 100;
+			*p++ = static_cast<char>('0' + v / 10);
+		} else if (v >= 10) {
+			*p++ = static_cast<char>('0' + v / 10);
+		}
+		*p++ = static_cast<char>('0' + v % 10);
+		*p++ = i < 3 ? '.' : '\0';
+	}
+	return d;
 }
 
 const char *ip_text(std::uint32_t addr_net)
@@ -191,7 +222,7 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 			const int err = errno;
 			shm->sendto_fail++;
 			TRACE(TRACE_ERROR, "ERROR: sendto() returns -1, errno %d dst_ip %s\n",
-			      static_cast<std::int32_t>(err), inet_ntoa(from.sin_addr));
+			      static_cast<std::int32_t>(err), dotted(from.sin_addr.s_addr).text);
 			if (err == ENETUNREACH || err == EHOSTUNREACH) {
 				if (budget == 0) {
 					TRACE(TRACE_ERROR, "ERROR: retried sendto %d times but failed.",
@@ -220,7 +251,7 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 	      "TX: Send %d bytes back to initiator. Sent my_disc %u, your_disc %u, dst_ip %s, "
 	      "dst_port %u, min_rx_interval %u state %u,",
 	      static_cast<std::int32_t>(BFD_PKT_LEN), ntohl(pkt.my_disc), ntohl(pkt.your_disc),
-	      inet_ntoa(from.sin_addr), ntohs(from.sin_port), ntohl(pkt.min_rx_interval),
+	      dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), ntohl(pkt.min_rx_interval),
 	      bfd_state_of(pkt));
 	shm->tx_sends++;
 	if (node != nullptr)
@@ -228,6 +259,66 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 	maybe_dump_stats(vrf);
 	return RX_FRAME_DONE;
 }
+
+// The table check first marks the buckets whose chain is not empty (a
+// head whose next is not the head itself), a bit per bucket, then walks
+// only from marked heads: every head is still looked at, a word of heads at
+// a time.
+constexpr std::uint32_t BUCKET_GROUP = 32;  // bits of one word of marks
+constexpr std::uint32_t BUCKET_WORDS = SESSION_HASH_BUCKETS / BUCKET_GROUP;  // 64
+static_assert(SESSION_HASH_BUCKETS % BUCKET_GROUP == 0);
+// Recency-list steps taken per word during the chain walks: 512 links over 64 words.
+constexpr int CACHE_STEPS_PER_GROUP = 8;
+static_assert(CACHE_STEPS_PER_GROUP * BUCKET_WORDS >= MAX_SESSIONS);
+
+void mark_used_scalar(const list_link *tbl, std::uint32_t used[BUCKET_WORDS])
+{
+	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
+		const list_link *h = tbl + w * BUCKET_GROUP;
+		std::uint32_t bits = 0;
+		for (std::uint32_t i = 0; i < BUCKET_GROUP; i++)
+			bits |= static_cast<std::uint32_t>(h[i].next != &h[i]) << i;
+		used[w] = bits;
+	}
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// Four heads (64 bytes) per step: their next fields gathered into one
+// vector and compared with the heads' own addresses.
+__attribute__((target("avx2"))) void mark_used_avx2(const list_link *tbl,
+						    std::uint32_t used[BUCKET_WORDS])
+{
+	static_assert(sizeof(list_link) == 16 && offsetof(list_link, next) == 0);
+	const __m256i step = _mm256_setr_epi64x(0, 16, 32, 48);
+	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
+		const list_link *h = tbl + w * BUCKET_GROUP;
+		std::uint32_t same = 0;
+		for (std::uint32_t q = 0; q < BUCKET_GROUP; q += 4) {
+			const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&h[q]));
+			const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&h[q + 2]));
+			// unpacklo: next0 next2 next1 next3; the permute restores the order.
+			const __m256i next = _mm256_permute4x64_epi64(_mm256_unpacklo_epi64(lo, hi), 0xD8);
+			const __m256i self = _mm256_add_epi64(
+				_mm256_set1_epi64x(static_cast<long long>(reinterpret_cast<std::uintptr_t>(&h[q]))), step);
+			const int eq = _mm256_movemask_pd(_mm256_castsi256_pd(_mm256_cmpeq_epi64(next, self)));
+			same |= static_cast<std::uint32_t>(eq) << q;
+		}
+		used[w] = ~same;
+	}
+}
+
+const bool HAVE_AVX2 = __builtin_cpu_supports("avx2");
+
+void mark_used(const list_link *tbl, std::uint32_t used[BUCKET_WORDS])
+{
+	if (HAVE_AVX2)
+		mark_used_avx2(tbl, used);
+	else
+		mark_used_scalar(tbl, used);
+}
+#else
+void mark_used(const list_link *tbl, std::uint32_t used[BUCKET_WORDS]) { mark_used_scalar(tbl, used); }
+#endif
 
 }  // namespace
 
@@ -248,45 +339,45 @@ bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in fr
 	if (len < static_cast<std::int64_t>(BFD_PKT_LEN)) {
 		shm->pkt_truncated++;
 		TRACE(TRACE_ERROR, "ERROR: Pkt truncated. Recvd len %d, source_ip %s", len,
-		      inet_ntoa(from.sin_addr));
+		      dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	const std::uint32_t my_disc = ntohl(bfd->my_disc);
 	if (bfd_version(*bfd) != BFD_VERSION) {
 		shm->bad_version++;
 		TRACE(TRACE_ERROR, "ERROR: Bad version %d. Recvd my_disc %u, source_ip %s",
-		      bfd_version(*bfd), my_disc, inet_ntoa(from.sin_addr));
+		      bfd_version(*bfd), my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	if (static_cast<std::int64_t>(bfd->length) > len) {
 		shm->invalid_pkt_len++;
 		TRACE(TRACE_ERROR, "ERROR: Invalid bfd ctrl pkt length %d. Rcvd len %d, source_ip %s",
-		      bfd->length, len, inet_ntoa(from.sin_addr));
+		      bfd->length, len, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	const std::uint16_t port = ntohs(from.sin_port);
 	if (port == SBFD_PORT) {
 		shm->invalid_src_port++;
 		TRACE(TRACE_ERROR, "ERROR: Invalid source port %hhu. Recvd my_disc %u, source_ip %s",
-		      port, my_disc, inet_ntoa(from.sin_addr));
+		      port, my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	if ((bfd->flags & BFD_FLAG_D) == 0) {
 		shm->demand_mode_unset++;
 		TRACE(TRACE_ERROR, "ERROR: Demand mode bit is not set. Recvd my_disc %u, source_ip %s",
-		      my_disc, inet_ntoa(from.sin_addr));
+		      my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	if (bfd->detect_multiplier == 0) {
 		shm->invalid_detect_mult++;
 		TRACE(TRACE_ERROR, "ERROR: Detect Mult is not set. Recvd my_disc %u, source_ip %s",
-		      my_disc, inet_ntoa(from.sin_addr));
+		      my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	if (my_disc == 0) {
 		shm->invalid_my_disc++;
 		TRACE(TRACE_ERROR, "ERROR: My discriminator is not set. source_ip %s",
-		      inet_ntoa(from.sin_addr));
+		      dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	// Down (1) and Up (3) have bit 0x40 set; AdminDown (0) and Init (2) do not.
@@ -294,7 +385,7 @@ bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in fr
 		shm->invalid_bfd_state++;
 		TRACE(TRACE_ERROR,
 		      "ERROR: Initiator BFD state %hhu is invalid. Recvd my_disc %u, source_ip %s",
-		      bfd_state_of(*bfd), my_disc, inet_ntoa(from.sin_addr));
+		      bfd_state_of(*bfd), my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	if (bfd->your_disc != reflector_cfg.discriminator) {
@@ -302,7 +393,7 @@ bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in fr
 		TRACE(TRACE_ERROR,
 		      "ERROR: Recvd discriminator %u is not destined to this reflector. Recvd my_disc "
 		      "%u, source_ip %s",
-		      ntohl(bfd->your_disc), my_disc, inet_ntoa(from.sin_addr));
+		      ntohl(bfd->your_disc), my_disc, dotted(from.sin_addr.s_addr).text);
 		return false;
 	}
 	shm->rx_valid_pkts++;
@@ -426,16 +517,33 @@ session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator, std::
 void session_sanity_check(reflector_vrf *vrf)
 {
 	ENSURE(vrf->sess_cache_count <= 512);
-	std::uint32_t count = 0;
-	for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++) {
-		const list_link *head = &vrf->hash_tbl[b];
-		for (const list_link *l = head->next; l != head; l = l->next)
-			count++;
+	// Every bucket head, every chain link and every sess_cache link is
+	// visited, as always. The recency list is walked a few steps per word
+	// of buckets alongside the chain walks, so that the two independent
+	// pointer chases overlap instead of queueing.
+	std::uint32_t used[BUCKET_WORDS];
+	mark_used(vrf->hash_tbl, used);
+	const list_link *cache_head = &vrf->sess_cache;
+	const list_link *c = cache_head->next;
+	std::uint32_t cache_count = 0;
+	std::uint32_t chain_count = 0;
+	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
+		for (std::uint32_t bits = used[w]; bits != 0; bits &= bits - 1) {
+			const list_link *head =
+				&vrf->hash_tbl[w * BUCKET_GROUP + static_cast<std::uint32_t>(__builtin_ctz(bits))];
+			for (const list_link *l = head->next; l != head; l = l->next)
+				chain_count++;
+		}
+		for (int k = 0; k < CACHE_STEPS_PER_GROUP && c != cache_head; k++) {
+			cache_count++;
+			c = c->next;
+		}
 	}
+	std::uint32_t count = chain_count;
 	ENSURE(count == vrf->session_count);
-	count = 0;
-	for (const list_link *l = vrf->sess_cache.next; l != &vrf->sess_cache; l = l->next)
-		count++;
+	for (; c != cache_head; c = c->next)
+		cache_count++;
+	count = cache_count;
 	ENSURE(count == vrf->sess_cache_count);
 	ENSURE(vrf->sess_cache_count == vrf->session_count);
 }
@@ -649,7 +757,7 @@ int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n)
 	TRACE(TRACE_RX,
 	      "RX: Recvd discriminator is destined to this reflector. Recvd my_disc %u, source_ip %s, "
 	      "source_port %u, state %u, min_tx_interval %u, detect_multiplier %u",
-	      ntohl(pkt.my_disc), inet_ntoa(from.sin_addr), ntohs(from.sin_port), bfd_state_of(pkt),
+	      ntohl(pkt.my_disc), dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), bfd_state_of(pkt),
 	      ntohl(pkt.min_tx_interval), pkt.detect_multiplier);
 
 	session_node *node = get_session(vrf, ntohl(pkt.my_disc), from.sin_addr.s_addr);
