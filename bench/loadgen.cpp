@@ -189,7 +189,8 @@ public:
 			if (seq == total)
 				break;
 			const std::uint64_t due = start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns);
-			const std::uint64_t wait = due > now_ns() ? due - now_ns() : 0;
+			const std::uint64_t t = now_ns();
+			const std::uint64_t wait = due > t ? due - t : 0;
 			poll_replies(wait);
 		}
 		res_.send_elapsed_s = static_cast<double>(now_ns() - start) / 1e9;
