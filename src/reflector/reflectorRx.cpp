@@ -10,9 +10,6 @@
 // zeroed bytes of the receive buffer; peer input never reaches an ENSURE.
 #include <arpa/inet.h>
 #include <event2/event.h>
-#if defined(__x86_64__)
-#include <immintrin.h>
-#endif
 #include <linux/netlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -260,65 +257,21 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 	return RX_FRAME_DONE;
 }
 
-// The table check first marks the buckets whose chain is not empty (a
-// head whose next is not the head itself), a bit per bucket, then walks
-// only from marked heads: every head is still looked at, a word of heads at
-// a time.
-constexpr std::uint32_t BUCKET_GROUP = 32;  // bits of one word of marks
-constexpr std::uint32_t BUCKET_WORDS = SESSION_HASH_BUCKETS / BUCKET_GROUP;  // 64
+// The table check scans the bucket heads four at a time, testing each for
+// an empty chain (next is the head itself) before walking it, and steps
+// along the recency list once per group alongside: the two independent
+// pointer chases overlap instead of queueing, and no link is skipped.
+constexpr std::uint32_t BUCKET_GROUP = 4;
 static_assert(SESSION_HASH_BUCKETS % BUCKET_GROUP == 0);
-// Recency-list steps taken per word during the chain walks: 512 links over 64 words.
-constexpr int CACHE_STEPS_PER_GROUP = 8;
-static_assert(CACHE_STEPS_PER_GROUP * BUCKET_WORDS >= MAX_SESSIONS);
+static_assert(SESSION_HASH_BUCKETS / BUCKET_GROUP >= MAX_SESSIONS, "one recency step per group suffices");
 
-void mark_used_scalar(const list_link *tbl, std::uint32_t used[BUCKET_WORDS])
+inline std::uint32_t chain_length(const list_link *head)
 {
-	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
-		const list_link *h = tbl + w * BUCKET_GROUP;
-		std::uint32_t bits = 0;
-		for (std::uint32_t i = 0; i < BUCKET_GROUP; i++)
-			bits |= static_cast<std::uint32_t>(h[i].next != &h[i]) << i;
-		used[w] = bits;
-	}
+	std::uint32_t n = 0;
+	for (const list_link *l = head->next; l != head; l = l->next)
+		n++;
+	return n;
 }
-
-#if defined(__x86_64__) && defined(__GNUC__)
-// Four heads (64 bytes) per step: their next fields gathered into one
-// vector and compared with the heads' own addresses.
-__attribute__((target("avx2"))) void mark_used_avx2(const list_link *tbl,
-						    std::uint32_t used[BUCKET_WORDS])
-{
-	static_assert(sizeof(list_link) == 16 && offsetof(list_link, next) == 0);
-	const __m256i step = _mm256_setr_epi64x(0, 16, 32, 48);
-	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
-		const list_link *h = tbl + w * BUCKET_GROUP;
-		std::uint32_t same = 0;
-		for (std::uint32_t q = 0; q < BUCKET_GROUP; q += 4) {
-			const __m256i lo = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&h[q]));
-			const __m256i hi = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&h[q + 2]));
-			// unpacklo: next0 next2 next1 next3; the permute restores the order.
-			const __m256i next = _mm256_permute4x64_epi64(_mm256_unpacklo_epi64(lo, hi), 0xD8);
-			const __m256i self = _mm256_add_epi64(
-				_mm256_set1_epi64x(static_cast<long long>(reinterpret_cast<std::uintptr_t>(&h[q]))), step);
-			const int eq = _mm256_movemask_pd(_mm256_castsi256_pd(_mm256_cmpeq_epi64(next, self)));
-			same |= static_cast<std::uint32_t>(eq) << q;
-		}
-		used[w] = ~same;
-	}
-}
-
-const bool HAVE_AVX2 = __builtin_cpu_supports("avx2");
-
-void mark_used(const list_link *tbl, std::uint32_t used[BUCKET_WORDS])
-{
-	if (HAVE_AVX2)
-		mark_used_avx2(tbl, used);
-	else
-		mark_used_scalar(tbl, used);
-}
-#else
-void mark_used(const list_link *tbl, std::uint32_t used[BUCKET_WORDS]) { mark_used_scalar(tbl, used); }
-#endif
 
 }  // namespace
 
@@ -518,23 +471,22 @@ void session_sanity_check(reflector_vrf *vrf)
 {
 	ENSURE(vrf->sess_cache_count <= 512);
 	// Every bucket head, every chain link and every sess_cache link is
-	// visited, as always. The recency list is walked a few steps per word
-	// of buckets alongside the chain walks, so that the two independent
-	// pointer chases overlap instead of queueing.
-	std::uint32_t used[BUCKET_WORDS];
-	mark_used(vrf->hash_tbl, used);
+	// visited, as always (see BUCKET_GROUP).
 	const list_link *cache_head = &vrf->sess_cache;
 	const list_link *c = cache_head->next;
 	std::uint32_t cache_count = 0;
 	std::uint32_t chain_count = 0;
-	for (std::uint32_t w = 0; w < BUCKET_WORDS; w++) {
-		for (std::uint32_t bits = used[w]; bits != 0; bits &= bits - 1) {
-			const list_link *head =
-				&vrf->hash_tbl[w * BUCKET_GROUP + static_cast<std::uint32_t>(__builtin_ctz(bits))];
-			for (const list_link *l = head->next; l != head; l = l->next)
-				chain_count++;
-		}
-		for (int k = 0; k < CACHE_STEPS_PER_GROUP && c != cache_head; k++) {
+	const list_link *const end = vrf->hash_tbl + SESSION_HASH_BUCKETS;
+	for (const list_link *h = vrf->hash_tbl; h != end; h += BUCKET_GROUP) {
+		if (h[0].next != &h[0])
+			chain_count += chain_length(&h[0]);
+		if (h[1].next != &h[1])
+			chain_count += chain_length(&h[1]);
+		if (h[2].next != &h[2])
+			chain_count += chain_length(&h[2]);
+		if (h[3].next != &h[3])
+			chain_count += chain_length(&h[3]);
+		if (c != cache_head) {
 			cache_count++;
 			c = c->next;
 		}
