@@ -44,6 +44,7 @@ struct loadgen_options {
 	double duration_s = 3;       // sending time
 	double drain_s = 0.3;        // wait for late replies after the last request
 	bool expect_admin_down = false;
+	std::uint32_t malformed_every = 0;  // 0: none; else every Nth request is broken in one field
 };
 
 std::uint64_t now_ns()
@@ -58,9 +59,11 @@ void usage(std::FILE *f)
 	std::fprintf(f,
 		     "usage: loadgen --target ADDR --source ADDR --your-disc N [--sessions N]\n"
 		     "               [--first-disc N] [--rate PER_S] [--duration S] [--drain S]\n"
-		     "               [--admin-down]\n"
+		     "               [--admin-down] [--malformed-every N]\n"
 		     "Offers --rate requests per second for --duration seconds, spread evenly over\n"
-		     "--sessions initiators, and prints one key=value line of results.\n");
+		     "--sessions initiators, and prints one key=value line of results. With\n"
+		     "--malformed-every N, every Nth request is broken in one field (version, D bit,\n"
+		     "Detect Mult, state or Your Discriminator, in turn) and must not be answered.\n");
 }
 
 bool parse(int argc, char **argv, loadgen_options *o)
@@ -78,6 +81,10 @@ bool parse(int argc, char **argv, loadgen_options *o)
 		};
 		if (a == "--admin-down") {
 			o->expect_admin_down = true;
+		} else if (a == "--malformed-every") {
+			if (!need())
+				return false;
+			o->malformed_every = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
 		} else if (a == "--target" || a == "--source") {
 			if (!need() || inet_pton(AF_INET, v, a == "--target" ? &o->target : &o->source) != 1)
 				return false;
@@ -121,6 +128,7 @@ struct session_socket {
 
 struct results {
 	std::uint64_t sent = 0, send_fail = 0, received = 0, wrong = 0, duplicate = 0;
+	std::uint64_t malformed = 0;  // broken requests sent (not in sent, never answered)
 	std::vector<std::uint32_t> rtt_ns;  // one per matched reply
 	double send_elapsed_s = 0;
 };
@@ -216,11 +224,28 @@ private:
 		p.min_rx_us = 3300;
 		std::uint8_t b[BFD_PKT_LEN];
 		probe_encode_request(p, b);
+		if (opt_.malformed_every != 0 && seq % opt_.malformed_every == opt_.malformed_every - 1) {
+			break_one_field(b, seq / opt_.malformed_every);
+			if (send(s.fd.get(), b, sizeof b, 0) == static_cast<ssize_t>(sizeof b))
+				res_.malformed++;
+			return;  // sent_at_ stays 0: a reply to it counts as a duplicate
+		}
 		sent_at_[seq] = now;
 		if (send(s.fd.get(), b, sizeof b, 0) == static_cast<ssize_t>(sizeof b))
 			res_.sent++;
 		else
 			res_.send_fail++;  // not sent: neither a loss nor a reply
+	}
+
+	static void break_one_field(std::uint8_t *b, std::uint64_t n)
+	{
+		switch (n % 5) {
+		case 0: b[0] = static_cast<std::uint8_t>(b[0] & 0x1F); break;  // version 0
+		case 1: b[1] = static_cast<std::uint8_t>(b[1] & ~BFD_FLAG_D); break;
+		case 2: b[2] = 0; break;                                        // Detect Mult
+		case 3: b[1] = static_cast<std::uint8_t>((b[1] & 0x3F) | (BFD_STATE_INIT << 6)); break;
+		default: b[11] = static_cast<std::uint8_t>(b[11] ^ 0x55); break;  // not our discriminator
+		}
 	}
 
 	// Reads every reply that arrives within `wait_ns`.
@@ -300,12 +325,12 @@ int main(int argc, char **argv)
 	const std::uint64_t lost = r.sent - r.received;
 	const double loss_pct = r.sent ? 100.0 * static_cast<double>(lost) / static_cast<double>(r.sent) : 0;
 	std::printf("rate=%.0f offered=%.0f sent=%llu send_fail=%llu received=%llu lost=%llu loss_pct=%.4f "
-		    "wrong=%llu duplicate=%llu p50_us=%.1f p90_us=%.1f p99_us=%.1f p999_us=%.1f max_us=%.1f\n",
+		    "wrong=%llu duplicate=%llu malformed=%llu p50_us=%.1f p90_us=%.1f p99_us=%.1f p999_us=%.1f max_us=%.1f\n",
 		    opt.rate, static_cast<double>(r.sent + r.send_fail) / r.send_elapsed_s,
 		    static_cast<unsigned long long>(r.sent), static_cast<unsigned long long>(r.send_fail),
 		    static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(lost), loss_pct,
 		    static_cast<unsigned long long>(r.wrong), static_cast<unsigned long long>(r.duplicate),
-		    percentile_us(r.rtt_ns, 0.50), percentile_us(r.rtt_ns, 0.90), percentile_us(r.rtt_ns, 0.99),
+		    static_cast<unsigned long long>(r.malformed), percentile_us(r.rtt_ns, 0.50), percentile_us(r.rtt_ns, 0.90), percentile_us(r.rtt_ns, 0.99),
 		    percentile_us(r.rtt_ns, 0.999), r.rtt_ns.empty() ? 0.0 : r.rtt_ns.back() / 1000.0);
 	return 0;
 }

@@ -1,0 +1,257 @@
+#!/usr/bin/env bash
+# run.sh -- the reflector's benchmark, one command: builds the tree, joins two
+# network namespaces with a veth pair, and measures the daemon side by side
+# with the bare baseline reflector (bench/baseline.cpp) in the same run:
+#
+#   1. highest rate with under 0.1% loss, 512 sessions (search per reflector)
+#   2. round-trip percentiles against offered rate (sweep), and the plot
+#   3. user-space instructions per reflected request (callgrind) and where they go
+#   4. heap allocations per request (memcheck totals after N and 11 N requests)
+#   5. resident memory of the daemon before and after the whole load
+#   6. cost of a trace record on the fast path (Google Benchmark)
+#
+# and prints every figure beside its target and the baseline. Every trace
+# level of the daemon is on (it always traces). Never part of the test run.
+#
+#   reflector namespace orvbench-r-PID  vr0 192.0.2.1/24
+#        | veth
+#   initiator namespace orvbench-i-PID  vi0 192.0.2.2/24  (bench/loadgen)
+#
+# Usage: bench/run.sh [--quick]   (as root; BUILD_DIR chooses the build,
+# default build-bench/; results go to bench/results/)
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+build=${BUILD_DIR:-$top/build-bench}
+bin=$build/bin
+out=$top/bench/results
+quick=0
+[ "${1:-}" = "--quick" ] && quick=1
+
+if [ "$(id -u)" -ne 0 ]; then
+	echo "run.sh: needs root (network namespaces, packet sockets)" >&2
+	exit 1
+fi
+bash "$top/scripts/deps.sh"
+bash "$top/scripts/build.sh" "$build" >/dev/null
+mkdir -p "$out"
+
+ns_r=orvbench-r-$$
+ns_i=orvbench-i-$$
+addr_r=192.0.2.1
+addr_i=192.0.2.2
+disc=7
+sessions=512
+work=$(mktemp -d "/tmp/orvbench-$$-XXXXXX")
+shm=/dev/shm/orvalindwarden-orvbench-$$
+pid_file=/var/run/orvalindwarden.pid
+reflector_pid=
+trial_s=3
+[ $quick = 1 ] && trial_s=1.5
+
+if [ -e "$pid_file" ]; then cp -p "$pid_file" "$work/pid_file.saved"; fi
+
+stop_reflector() {
+	if [ -n "$reflector_pid" ] && kill -0 "$reflector_pid" 2>/dev/null; then
+		kill "$reflector_pid" 2>/dev/null || true
+		wait "$reflector_pid" 2>/dev/null || true
+	fi
+	reflector_pid=
+}
+cleanup() {
+	trap - EXIT INT TERM
+	stop_reflector
+	ip netns del "$ns_i" 2>/dev/null || true
+	ip netns del "$ns_r" 2>/dev/null || true
+	rm -f "$shm"
+	if [ -e "$work/pid_file.saved" ]; then cp -p "$work/pid_file.saved" "$pid_file"; else rm -f "$pid_file"; fi
+	rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+ip netns add "$ns_r"
+ip netns add "$ns_i"
+ip -n "$ns_r" link set lo up
+ip -n "$ns_i" link set lo up
+ip -n "$ns_r" link add vr0 type veth peer name vi0 netns "$ns_i"
+ip -n "$ns_r" addr add "$addr_r/24" dev vr0
+ip -n "$ns_i" addr add "$addr_i/24" dev vi0
+ip -n "$ns_r" link set vr0 up
+ip -n "$ns_i" link set vi0 up
+
+# start_reflector daemon|baseline [wrapper...]
+start_reflector() {
+	local kind=$1
+	shift
+	if [ "$kind" = daemon ]; then
+		BREVLOG_DIR=$work NSPATH=/orvbench-$$ ip netns exec "$ns_r" "$@" \
+			"$bin/orvalindwarden" -d "$disc" -p "$addr_r" -r 3300 >"$work/$kind.log" 2>&1 &
+	else
+		ip netns exec "$ns_r" "$@" "$bin/baseline" "$addr_r" "$disc" >"$work/$kind.log" 2>&1 &
+	fi
+	reflector_pid=$!
+	# Ready when a probe is answered (bounded).
+	for _ in $(seq 100); do
+		if ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+			--sessions 1 --rate 100 --duration 0.05 --drain 0.5 2>/dev/null | grep -q ' lost=0 '; then
+			return 0
+		fi
+		sleep 0.2
+	done
+	echo "run.sh: $kind did not answer" >&2
+	cat "$work/$kind.log" >&2
+	exit 1
+}
+
+# trial RATE [DURATION] -> one loadgen result line
+trial() {
+	ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+		--sessions $sessions --rate "$1" --duration "${2:-$trial_s}"
+}
+field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p"; }
+passes() { awk -v l="$(echo "$1" | field loss_pct)" -v w="$(echo "$1" | field wrong)" \
+	'BEGIN { exit !(l < 0.1 && w == 0) }'; }
+
+# search KIND: highest passing rate. Rates grow by 1/8 until a rate fails
+# twice, then halve the gap four times; every passing rate is remembered.
+search() {
+	local kind=$1 lo=0 hi rate=20000 line
+	while :; do
+		line=$(trial $rate)
+		echo "$kind search $line" >>"$out/trials.txt"
+		if passes "$line" || { line=$(trial $rate) && passes "$line"; }; then
+			lo=$rate
+			rate=$((rate + rate / 8))
+			[ $rate -gt 1000000 ] && break
+		else
+			hi=$rate
+			break
+		fi
+	done
+	if [ -n "${hi:-}" ]; then
+		for _ in 1 2 3 4; do
+			rate=$(((lo + hi) / 2))
+			line=$(trial $rate)
+			echo "$kind search $line" >>"$out/trials.txt"
+			if passes "$line"; then lo=$rate; else hi=$rate; fi
+		done
+	fi
+	echo $lo
+}
+
+rss_kib() { awk '/VmRSS/ { print $2 }' "/proc/$1/status"; }
+anon_kib() { awk '/RssAnon/ { print $2 }' "/proc/$1/status"; }
+# The daemon's process (ip netns exec execs it, so it is the started pid).
+shm_u64() { od -An -t u8 -j "$1" -N 8 "$shm" | tr -d ' '; }
+
+: >"$out/trials.txt"
+sweep_rates="20000 40000 60000 80000 100000 120000 140000 160000 180000"
+[ $quick = 1 ] && sweep_rates="20000 60000 100000 140000"
+
+echo "== baseline: search and sweep"
+start_reflector baseline
+trial 5000 1 >/dev/null
+base_max=$(search baseline)
+: >"$out/sweep_baseline.dat"
+for r in $sweep_rates; do
+	line=$(trial "$r")
+	echo "baseline sweep $line" >>"$out/trials.txt"
+	echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_baseline.dat"
+done
+stop_reflector
+
+echo "== daemon: search and sweep"
+start_reflector daemon
+trial 5000 1 >/dev/null  # every session created: from here on lookups hit
+# Every trace ring wrapped at least once (a request writes about 300 bytes
+# of records into the 1 MiB rings of levels 2 to 4): the mapped trace file
+# is then wholly resident and resident memory shows growth only.
+trial 20000 1 >/dev/null
+rss_start=$(rss_kib "$reflector_pid")
+anon_start=$(anon_kib "$reflector_pid")
+sends_start=$(shm_u64 8)
+daemon_max=$(search daemon)
+: >"$out/sweep_daemon.dat"
+for r in $sweep_rates; do
+	line=$(trial "$r")
+	echo "daemon sweep $line" >>"$out/trials.txt"
+	echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_daemon.dat"
+done
+rss_end=$(rss_kib "$reflector_pid")
+anon_end=$(anon_kib "$reflector_pid")
+sends_end=$(shm_u64 8)
+stop_reflector
+
+echo "== daemon under callgrind and memcheck"
+cg_requests=20000
+[ $quick = 1 ] && cg_requests=5000
+start_reflector daemon valgrind --tool=callgrind --callgrind-out-file="$work/cg.out" \
+	'--toggle-collect=rx_data_ready*' --dump-instr=no
+trial 1000 1 >/dev/null
+callgrind_control --zero "$reflector_pid" >/dev/null
+ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+	--sessions $sessions --rate 2000 --duration $((cg_requests / 2000)) --drain 2 >"$work/cg.trial"
+callgrind_control --dump "$reflector_pid" >/dev/null
+stop_reflector
+cg_file=$work/cg.out.1  # the dump taken right after the measured requests
+[ -s "$cg_file" ] || cg_file=$work/cg.out
+callgrind_annotate --inclusive=yes "$cg_file" >"$out/callgrind.txt" 2>/dev/null || true
+cg_received=$(field received <"$work/cg.trial")
+ir_total=$(awk '/PROGRAM TOTALS/ { gsub(",", "", $1); print $1; exit }' "$out/callgrind.txt")
+# Inclusive cost of the functions whose name contains $1 (object-attributed
+# lines only, so an inlined copy is not counted twice).
+ir_of() { awk -v f="$1" 'index($0, f) && /\[/ { gsub(",", "", $1); s += $1 } END { print s + 0 }' "$out/callgrind.txt"; }
+per_req() { awk -v a="$1" -v n="$cg_received" 'BEGIN { printf "%.0f", n ? a / n : 0 }'; }
+
+allocs_after() {
+	start_reflector daemon valgrind --tool=memcheck --leak-check=no
+	ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+		--sessions $sessions --rate 2000 --duration "$1" --drain 2 >/dev/null
+	stop_reflector
+	sed -n 's/.*total heap usage: \([0-9,]*\) allocs.*/\1/p' "$work/daemon.log" | tr -d ,
+}
+allocs_small=$(allocs_after 0.5)
+allocs_large=$(allocs_after 5.5)
+
+echo "== trace record fast path"
+trace_ns=$("$bin/bench_trace" --benchmark_filter=BM_TraceThreeValues --benchmark_min_time=1 \
+	--benchmark_format=csv 2>/dev/null | awk -F, '/BM_TraceThreeValues/ { printf "%.1f", $3 }')
+
+# The plot: p50 and p99 round trip against offered rate, both reflectors.
+if command -v gnuplot >/dev/null; then
+	gnuplot -e "datadir='$out'; outfile='$out/rtt_vs_rate.png'" "$top/bench/plot.gp" || true
+fi
+
+p99_at() { awk -v r=100000 '$1 == r { print $5 }' "$1"; }
+base_p99=$(p99_at "$out/sweep_baseline.dat")
+daemon_p99=$(p99_at "$out/sweep_daemon.dat")
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "n/a" }'; }
+verdict() { awk -v c="$1" 'BEGIN { print (c ? "met" : "NOT MET") }'; }
+ok_rate=$(awk -v d="$daemon_max" -v b="$base_max" 'BEGIN { r = b > 0 ? d / b : 0; need155 = b >= 1.2 * 155000;
+	print (r >= 0.9 && (!need155 || d >= 155000)) }')
+ok_p99=$(awk -v d="$daemon_p99" -v b="$base_p99" 'BEGIN { print (b > 0 && d <= 1.2 * b) }')
+ok_alloc=$(awk -v a="$allocs_small" -v b="$allocs_large" 'BEGIN { print (a != "" && a == b) }')
+ok_trace=$(awk -v t="$trace_ns" 'BEGIN { print (t != "" && t <= 30) }')
+ok_rss=$(awk -v a="$rss_start" -v b="$rss_end" 'BEGIN { print (b <= a + 64) }')
+
+{
+	echo
+	echo "orvalindwarden benchmark, $(date -u +%Y-%m-%dT%H:%MZ), $(nproc) CPUs, $(uname -r), $sessions sessions, all trace levels on"
+	printf '%-44s %14s %14s %8s  %s\n' figure daemon baseline ratio "target: verdict"
+	printf '%-44s %14s %14s %8s  %s\n' "highest rate with loss < 0.1% (req/s)" "$daemon_max" "$base_max" \
+		"$(ratio "$daemon_max" "$base_max")" ">= 0.9 x baseline (and >= 155000 where baseline >= 186000): $(verdict "$ok_rate")"
+	printf '%-44s %14s %14s %8s  %s\n' "p99 round trip at 100000 req/s (us)" "$daemon_p99" "$base_p99" \
+		"$(ratio "$daemon_p99" "$base_p99")" "<= 1.2 x baseline: $(verdict "$ok_p99")"
+	printf '%-44s %14s %14s %8s  %s\n' "user-space instructions per request" "$(per_req "$ir_total")" "-" "-" \
+		"(callgrind, $cg_received requests, inside rx_data_ready)"
+	for f in "session_sanity_check(" "get_session(" "emit<" ":bl_" "dotted(" "memset" "sendto" "recvfrom"; do
+		printf '%-44s %14s\n' "  of which (inclusive) $f" "$(per_req "$(ir_of "$f")")"
+	done
+	printf '%-44s %14s %14s %8s  %s\n' "heap allocations (after 1000 / 11000 req)" "$allocs_small / $allocs_large" "-" "-" \
+		"no allocation per request: $(verdict "$ok_alloc")"
+	printf '%-44s %14s %14s %8s  %s\n' "daemon RSS KiB (start / end of load)" "$rss_start / $rss_end" "-" "-" \
+		"flat over $((sends_end - sends_start)) replies: $(verdict "$ok_rss")"
+	printf '%-44s %14s\n' "  of which anonymous KiB (start / end)" "$anon_start / $anon_end"
+	printf '%-44s %14s %14s %8s  %s\n' "trace record, fast path (ns)" "$trace_ns" "-" "-" "<= 30 ns: $(verdict "$ok_trace")"
+	echo "trials: $out/trials.txt; sweep: $out/sweep_*.dat; plot: $out/rtt_vs_rate.png; profile: $out/callgrind.txt"
+} | tee "$out/summary.txt"
