@@ -232,7 +232,9 @@ ok_rate=$(awk -v d="$daemon_max" -v b="$base_max" 'BEGIN { r = b > 0 ? d / b : 0
 ok_p99=$(awk -v d="$daemon_p99" -v b="$base_p99" 'BEGIN { print (b > 0 && d <= 1.2 * b) }')
 ok_alloc=$(awk -v a="$allocs_small" -v b="$allocs_large" 'BEGIN { print (a != "" && a == b) }')
 ok_trace=$(awk -v t="$trace_ns" 'BEGIN { print (t != "" && t <= 30) }')
-ok_rss=$(awk -v a="$rss_start" -v b="$rss_end" 'BEGIN { print (b <= a + 64) }')
+# The mapped trace file becomes resident as its rings fill (levels 1 and 5
+# fill slowly); anonymous memory must not move.
+ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }')
 
 {
 	echo
@@ -250,7 +252,7 @@ ok_rss=$(awk -v a="$rss_start" -v b="$rss_end" 'BEGIN { print (b <= a + 64) }')
 	printf '%-44s %14s %14s %8s  %s\n' "heap allocations (after 1000 / 11000 req)" "$allocs_small / $allocs_large" "-" "-" \
 		"no allocation per request: $(verdict "$ok_alloc")"
 	printf '%-44s %14s %14s %8s  %s\n' "daemon RSS KiB (start / end of load)" "$rss_start / $rss_end" "-" "-" \
-		"flat over $((sends_end - sends_start)) replies: $(verdict "$ok_rss")"
+		"anonymous flat over $((sends_end - sends_start)) replies: $(verdict "$ok_rss")"
 	printf '%-44s %14s\n' "  of which anonymous KiB (start / end)" "$anon_start / $anon_end"
 	printf '%-44s %14s %14s %8s  %s\n' "trace record, fast path (ns)" "$trace_ns" "-" "-" "<= 30 ns: $(verdict "$ok_trace")"
 	echo "trials: $out/trials.txt; sweep: $out/sweep_*.dat; plot: $out/rtt_vs_rate.png; profile: $out/callgrind.txt"
