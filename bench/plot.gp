@@ -5,12 +5,12 @@
 set terminal pngcairo size 900,560 noenhanced
 set output outfile
 set title "S-BFD reflector: round trip against offered rate (512 sessions, veth)"
-set xlabel "offered requests per second"
+set xlabel "offered requests per second (the rate asked of the load generator)"
 set ylabel "round trip (us, log scale)"
 set logscale y
 set key top left
 set grid
-plot datadir.'/sweep_daemon.dat' using 2:3 with linespoints lw 2 title 'daemon p50', \
-     datadir.'/sweep_daemon.dat' using 2:5 with linespoints lw 2 title 'daemon p99', \
-     datadir.'/sweep_baseline.dat' using 2:3 with linespoints dt 2 title 'baseline p50', \
-     datadir.'/sweep_baseline.dat' using 2:5 with linespoints dt 2 title 'baseline p99'
+plot datadir.'/sweep_daemon.dat' using 1:3 with linespoints lw 2 title 'daemon p50', \
+     datadir.'/sweep_daemon.dat' using 1:5 with linespoints lw 2 title 'daemon p99', \
+     datadir.'/sweep_baseline.dat' using 1:3 with linespoints dt 2 title 'baseline p50', \
+     datadir.'/sweep_baseline.dat' using 1:5 with linespoints dt 2 title 'baseline p99'
