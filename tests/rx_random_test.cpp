@@ -8,34 +8,30 @@
 #include "rxutil.h"
 
 using namespace rxt;
-using bytes = std::vector<std::uint8_t>;
 
 namespace {
 
 constexpr std::uint64_t GENERATOR_VALUE = 0x5BFD7784;
 constexpr auto TIME_BUDGET = std::chrono::seconds(20);
 
-struct header_snapshot {
+struct counts {
 	std::uint64_t drops, valid, sent;
-	std::uint32_t reasons[std::size(REASON_OFFS)];
-	explicit header_snapshot(const reflector_shm *s)
-	    : drops(at<std::uint64_t>(s, OFF_RX_DROPS)), valid(at<std::uint64_t>(s, OFF_RX_VALID)),
-	      sent(at<std::uint64_t>(s, OFF_TX_SENDS))
+	std::uint32_t reasons[std::size(REASONS)];
+	explicit counts(const reflector_shm *s) : drops(s->rx_drops), valid(s->rx_valid_pkts), sent(s->tx_sends)
 	{
-		for (std::size_t i = 0; i < std::size(REASON_OFFS); i++)
-			reasons[i] = at<std::uint32_t>(s, REASON_OFFS[i]);
+		for (std::size_t i = 0; i < std::size(REASONS); i++)
+			reasons[i] = s->*REASONS[i];
 	}
 };
 
 // "" when the change from `a` to `b` is what one frame of `n` bytes may do.
-std::string check_one_frame(const header_snapshot &a, const header_snapshot &b, std::size_t n)
+std::string check_one_frame(const counts &a, const counts &b, std::size_t n)
 {
 	std::uint32_t moved = 0;
-	for (std::size_t i = 0; i < std::size(REASON_OFFS); i++) {
-		const std::uint32_t d = b.reasons[i] - a.reasons[i];
-		if (d > 1)
+	for (std::size_t i = 0; i < std::size(REASONS); i++) {
+		if (b.reasons[i] - a.reasons[i] > 1)
 			return "a reason counter moved twice";
-		moved += d;
+		moved += b.reasons[i] - a.reasons[i];
 	}
 	const std::uint64_t drops = b.drops - a.drops, valid = b.valid - a.valid, sent = b.sent - a.sent;
 	if (n == 0)
@@ -43,14 +39,6 @@ std::string check_one_frame(const header_snapshot &a, const header_snapshot &b, 
 	if (valid == 1)
 		return drops == 0 && moved == 0 && sent == 1 ? "" : "a valid frame also counted a drop or sent nothing";
 	return drops == 1 && moved == 1 && valid == 0 && sent == 0 ? "" : "a dropped frame did not move one reason";
-}
-
-std::uint32_t free_count(const reflector_vrf *vrf)
-{
-	std::uint32_t n = 0;
-	for (const list_link *l = vrf->free_list.next; l != &vrf->free_list; l = l->next)
-		n++;
-	return n;
 }
 
 bytes next_frame(std::mt19937_64 &rng, const harness &h)
@@ -64,10 +52,9 @@ bytes next_frame(std::mt19937_64 &rng, const harness &h)
 	o.ihl = static_cast<std::uint8_t>(pick(4) == 0 ? pick(16) : 5);
 	request r;
 	r.state = pick(2) ? BFD_STATE_UP : BFD_STATE_DOWN;
-	// Many initiators, so that the table fills and evicts.
-	r.my_disc = 1 + static_cast<std::uint32_t>(pick(1500));
+	r.my_disc = 1 + static_cast<std::uint32_t>(pick(1500));  // many initiators: the table fills and evicts
 	o.src_ip = htonl(0xC6336400u | static_cast<std::uint32_t>(pick(2)));  // 198.51.100.0/31
-	bytes f = build_frame(o, r);
+	bytes f = build_frame(o, r.encode());
 	switch (pick(6)) {
 	case 0:  // valid as built
 		break;
@@ -79,13 +66,8 @@ bytes next_frame(std::mt19937_64 &rng, const harness &h)
 	case 3:  // cut anywhere
 		f.resize(pick(f.size() + 1));
 		break;
-	case 4:  // noise of a frame's size
-		f.resize(pick(129));
-		for (auto &b : f)
-			b = static_cast<std::uint8_t>(rng());
-		break;
-	default:  // up to a whole buffer, usually behind a plausible EtherType
-		f.resize(pick(8) == 0 ? RX_BUF_LEN : pick(2000));
+	default:  // noise of up to a whole buffer, often behind a plausible EtherType
+		f.resize(pick(3) == 0 ? pick(129) : pick(8) == 0 ? RX_BUF_LEN : pick(2000));
 		for (auto &b : f)
 			b = static_cast<std::uint8_t>(rng());
 		if (f.size() > 14 && pick(2)) {
@@ -107,16 +89,14 @@ TEST(RandomFrames, EachIsAnsweredOrCountedOnceAndTheTableStaysWhole)
 	seam::swallow = true;  // replies to generated addresses never leave the host
 	std::mt19937_64 rng(GENERATOR_VALUE);
 	const auto deadline = std::chrono::steady_clock::now() + TIME_BUDGET;
-	constexpr int MAX_FRAMES = 300000;
 	int n = 0;
-	for (; n < MAX_FRAMES && std::chrono::steady_clock::now() < deadline; n++) {
+	for (; n < 300000 && std::chrono::steady_clock::now() < deadline; n++) {
 		const bytes f = next_frame(rng, h);
-		const header_snapshot before(h.shm());
+		const counts before(h.shm());
 		h.feed(f);
-		const std::string why = check_one_frame(before, header_snapshot(h.shm()), f.size());
-		ASSERT_EQ(why, "") << "frame " << n << " of " << f.size() << " bytes";
+		ASSERT_EQ(check_one_frame(before, counts(h.shm()), f.size()), "") << "frame " << n << " of " << f.size() << " bytes";
 		session_sanity_check(h.vrf.get());
-		ASSERT_EQ(free_count(h.vrf.get()) + h.vrf->sess_cache_count, MAX_SESSIONS) << "frame " << n;
+		ASSERT_EQ(h.free_count() + h.vrf->sess_cache_count, MAX_SESSIONS) << "frame " << n;
 	}
 	seam::reset(-1);
 	EXPECT_GT(h.shm()->rx_valid_pkts, 0u);
@@ -126,33 +106,30 @@ TEST(RandomFrames, EachIsAnsweredOrCountedOnceAndTheTableStaysWhole)
 
 namespace {
 
-// The configuration a datagram leaves, walked independently. Every setting's
-// source address is first forced to 0 (the current one), in the datagram
-// itself, so that no transmit socket is replaced.
 struct nl_result {
 	std::uint32_t disc, min_rx;
 	std::uint8_t admin;
 };
 
+// The configuration datagram `d` leaves after `cur`, walked independently.
+// Every setting's source address is first forced to 0 (keep the current
+// one) in the datagram itself, so that no transmit socket is replaced.
 nl_result walk_and_pin_source(bytes &d, nl_result cur)
 {
 	auto u32 = [&](std::size_t off) {
 		std::uint8_t b[4] = {};
-		for (std::size_t i = 0; i < 4; i++)
-			b[i] = off + i < d.size() ? d[off + i] : 0;
+		for (std::size_t i = 0; i < 4 && off + i < d.size(); i++)
+			b[i] = d[off + i];
 		std::uint32_t v;
 		std::memcpy(&v, b, 4);
 		return v;
 	};
-	std::size_t off = 0, remaining = d.size();
-	while (remaining >= 16) {
+	for (std::size_t off = 0, remaining = d.size(); remaining >= 16;) {
 		const std::uint32_t len = u32(off);
 		if (len < 16 || len > remaining)
 			break;
-		std::uint16_t type, flags;
-		std::memcpy(&type, &d[off + 4], 2);
-		std::memcpy(&flags, &d[off + 6], 2);
-		if ((flags & NLM_F_REQUEST) && type == REFLECTOR_NL_SET) {
+		const std::uint32_t type_flags = u32(off + 4);
+		if ((type_flags >> 16 & NLM_F_REQUEST) && (type_flags & 0xFFFF) == REFLECTOR_NL_SET) {
 			for (std::size_t i = off + 24; i < off + 28 && i < d.size(); i++)
 				d[i] = 0;
 			cur = {u32(off + 16), u32(off + 20), off + 28 < d.size() ? d[off + 28] : std::uint8_t{0}};
@@ -175,9 +152,8 @@ bytes next_datagram(std::mt19937_64 &rng)
 		for (auto &b : payload)
 			b = static_cast<std::uint8_t>(rng());
 		const std::uint16_t type = pick(4) ? REFLECTOR_NL_SET : static_cast<std::uint16_t>(rng());
-		const std::uint16_t flags = pick(5) ? NLM_F_REQUEST : 0;
-		const std::uint32_t len = pick(5) ? 0 : static_cast<std::uint32_t>(pick(80));
-		bytes msg = nl_msg(type, flags, payload, len);
+		const bytes msg = nl_msg(type, pick(5) ? NLM_F_REQUEST : 0, payload,
+					 pick(5) ? 0 : static_cast<std::uint32_t>(pick(80)));
 		d.insert(d.end(), msg.begin(), msg.end());
 	}
 	if (pick(4) == 0)
@@ -193,7 +169,7 @@ TEST(RandomNetlink, DatagramsApplyExactlyTheirWellFormedSettings)
 	std::mt19937_64 rng(GENERATOR_VALUE);
 	reflector_cfg.sourceIp = 0;
 	const int outfd = h.vrf->outfd;
-	nl_result expect{ntohl(reflector_cfg.discriminator), reflector_cfg.minRx, 0};
+	nl_result expect{OUR_DISC, OUR_MIN_RX, 0};
 	const auto deadline = std::chrono::steady_clock::now() + TIME_BUDGET / 4;
 	for (int n = 0; n < 20000 && std::chrono::steady_clock::now() < deadline; n++) {
 		bytes d = next_datagram(rng);

@@ -148,7 +148,7 @@ public:
 	}
 	~temp_dir()
 	{
-		if (!path_.empty())
+		if (!path_.empty() && getpid() == owner_)  // not in a death test's child
 			nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 	}
 	temp_dir(const temp_dir &) = delete;
@@ -165,6 +165,7 @@ private:
 		return 0;
 	}
 	std::string path_;
+	pid_t owner_ = getpid();
 };
 
 // A named network namespace (`ip netns add NAME`), deleted with everything in
