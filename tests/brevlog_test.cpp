@@ -11,6 +11,7 @@
 
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -48,6 +49,7 @@ struct global_handle {
 
 struct record {
 	std::uint32_t level, msg_id;
+	std::uint64_t time_ns;
 	std::string where, text;  // where: file:line
 	std::vector<blr_value> values;
 };
@@ -62,7 +64,7 @@ std::vector<record> read_all(const std::string &path, blr_stats *stats = nullptr
 	blr_sort(recs);
 	std::vector<record> out;
 	for (const blr_record &r : recs) {
-		record o{r.level, r.msg_id, "", "", r.values};
+		record o{r.level, r.msg_id, r.time_ns, "", "", r.values};
 		for (const blr_desc &d : f.descs)
 			if (d.msg_id == r.msg_id) {
 				o.where = d.file + ":" + std::to_string(d.line);
@@ -161,6 +163,42 @@ TEST(BrevlogWriter, PreviousRunIsKeptWithSuffixOne)
 	EXPECT_EQ(cur[0].text, "INIT: second run");
 }
 
+std::uint64_t realtime_ns()
+{
+	timespec ts;
+	clock_gettime(CLOCK_REALTIME, &ts);
+	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+// Record times may come from the TSC, interpolated between anchors taken
+// from the system clock; they must still read as the system clock did, also
+// after a pause longer than the anchor interval, and never step back.
+TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
+{
+	testutil::temp_dir dir;
+	global_handle g(dir.path(), "64");
+	constexpr std::uint64_t SLACK_NS = 1000000;  // interpolation error allowed
+	const std::uint32_t pauses_ms[] = {0, 1, 60, 0, 130, 5};
+	constexpr std::uint32_t BURST = 200;
+	std::vector<std::pair<std::uint64_t, std::uint64_t>> windows;
+	std::uint32_t n = 0;
+	for (const std::uint32_t ms : pauses_ms) {
+		usleep(ms * 1000);
+		for (std::uint32_t k = 0; k < BURST; k++) {
+			const std::uint64_t before = realtime_ns();
+			TRACE(0, "INIT: %u", n++);
+			windows.emplace_back(before, realtime_ns());
+		}
+	}
+	const auto recs = read_all(dir.file("test.bl"));
+	ASSERT_EQ(recs.size(), windows.size());
+	for (std::size_t i = 0; i < recs.size(); i++) {
+		ASSERT_EQ(recs[i].text, "INIT: " + std::to_string(i)) << "time order is writing order";
+		EXPECT_GE(recs[i].time_ns + SLACK_NS, windows[i].first) << i;
+		EXPECT_LE(recs[i].time_ns, windows[i].second + SLACK_NS) << i;
+	}
+}
+
 TEST(BrevlogWriter, SizeListIsParsedStrictly)
 {
 	testutil::temp_dir dir;
@@ -216,8 +254,8 @@ void on_stop(int) { stop_child = 1; }
 			TRACE(TRACE_ERROR, "ERROR: main %u", i);
 			i++;
 		}
-		for (volatile int k = 0; k < 300; k = k + 1) {
-		}
+		for (volatile int k = 0; k < 300;)
+			k = k + 1;
 	}
 	TRACE(TRACE_INIT, "INIT: handled %u main %u", (std::uint32_t)handled, i);
 	_exit(0);

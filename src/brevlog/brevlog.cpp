@@ -9,9 +9,19 @@
 // a ring's `head` only grows, and a record's stamp is stored last, with
 // release order, after its reservation and its body.
 //
-// Fast path (a call site after its first use): clock_gettime (vDSO), a few
-// bounded copies into the staging buffer, one CAS on the ring head, one copy
-// into the mapping. No system call, lock or allocation.
+// Fast path (a call site after its first use): one TSC read turned into
+// CLOCK_REALTIME nanoseconds (clock_gettime where the TSC cannot serve), a
+// few bounded copies into the staging buffer, one CAS on the ring head, one
+// copy into the mapping. No system call, lock or allocation.
+//
+// Time stamps: where the CPU's TSC is invariant and the kernel's clocksource
+// is the TSC, a record's time is anchor_ns + (tsc - anchor_tsc) * mult >> 32,
+// from an anchor pair (TSC, CLOCK_REALTIME) taken at start-up and again
+// whenever BL_REANCHOR_NS has passed; the anchor corrects clock steps and
+// bounds the drift of the interpolation, and each new anchor refines the
+// rate. Two anchor slots and an index flipped by one store keep a reader in
+// a signal handler on a complete anchor: only the outermost open record
+// re-anchors, and nothing can interrupt a reader to re-anchor under it.
 #include "brevlog.h"
 
 #include <atomic>
@@ -28,6 +38,11 @@
 #include <type_traits>
 #include <unistd.h>
 
+#if defined(__x86_64__)
+#include <x86intrin.h>
+#define BL_HAVE_TSC 1
+#endif
+
 namespace {
 
 constexpr int BL_MAX_OPEN_RECORDS = 8;  // nesting depth of open records (main flow + handlers)
@@ -35,6 +50,11 @@ constexpr std::uint64_t BL_MAX_LEVEL_KIB = 1048576;  // 1 GiB per level
 constexpr std::uint32_t BL_DEFAULT_DIR_MODE = 0755;
 constexpr const char *BL_DEFAULT_DIR = "/var/log/brevlog";
 constexpr std::size_t BL_MAX_TEXT = 0xFFFF;  // a text's length is stored in a u16
+constexpr std::uint64_t BL_NS_PER_S = 1000000000;
+constexpr std::uint64_t BL_REANCHOR_NS = 50 * 1000000;     // 50 ms between anchors
+constexpr std::uint64_t BL_CALIBRATE_NS = 4 * 1000000;     // start-up rate measurement, 4 ms
+constexpr unsigned BL_MULT_SHIFT = 32;                     // mult = ns per cycle << 32
+constexpr std::uint64_t BL_CLAMP_NS = 1000000;  // a step back below 1 ms is interpolation error
 
 // Header field offsets, as the format grammar in brevlog.h gives them.
 constexpr std::size_t HDR_MAGIC = 0;
@@ -90,6 +110,26 @@ static_assert(std::is_trivially_copyable_v<bl_desc_block>);
 static_assert(sizeof(bl_desc_block) <= 512, "the daemon reserves 512 bytes per descriptor");
 static_assert(alignof(bl_desc_block) <= 16, "the daemon aligns descriptors to 16 bytes");
 
+// One point where the TSC and CLOCK_REALTIME were read together.
+struct bl_anchor {
+	std::uint64_t tsc;      // TSC value, cycles
+	std::uint64_t ns;       // CLOCK_REALTIME at `tsc`, nanoseconds
+	std::uint64_t mono_tsc; // TSC value at `mono_ns`, cycles
+	std::uint64_t mono_ns;  // CLOCK_MONOTONIC (rate refinement: it never steps), nanoseconds
+	std::uint64_t mult;     // nanoseconds per cycle << BL_MULT_SHIFT, valid from here on
+};
+
+// The record clock of a handle.
+struct bl_clock {
+	bool use_tsc;                  // TSC invariant and the kernel's clocksource
+	volatile sig_atomic_t cur;     // slot[cur] is the anchor readers use
+	std::uint64_t reanchor_cycles; // TSC cycles after which the outermost record re-anchors
+	std::uint64_t min_mult;        // bounds a refined rate (1 % around the start-up rate)
+	std::uint64_t max_mult;
+	volatile std::uint64_t last_ns;  // last stamp given out, for the backward clamp
+	bl_anchor slot[2];
+};
+
 }  // namespace
 
 struct bl_log {
@@ -97,22 +137,186 @@ struct bl_log {
 	std::size_t map_size;       // bytes mapped (= file size)
 	int fd;                     // descriptor of the trace file
 	std::uint32_t nlevels;      // levels of the file
-	bl_ring rings[BL_MAX_LEVELS];
-	char path[PATH_MAX];        // absolute path of the trace file
 	volatile sig_atomic_t depth;  // open records, including dropped deep ones
+	bl_clock clock;             // time stamps of records
+	bl_ring rings[BL_MAX_LEVELS];
 	bl_open_record stack[BL_MAX_OPEN_RECORDS];
+	char path[PATH_MAX];        // absolute path of the trace file
 };
 
 namespace {
 
 template <typename T> void store_le(unsigned char *p, T v) { std::memcpy(p, &v, sizeof v); }
 
-std::uint64_t now_ns()
+std::uint64_t clock_ns(clockid_t id)
 {
 	timespec ts;
-	clock_gettime(CLOCK_REALTIME, &ts);
-	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u +
-	       static_cast<std::uint64_t>(ts.tv_nsec);
+	clock_gettime(id, &ts);
+	return static_cast<std::uint64_t>(ts.tv_sec) * BL_NS_PER_S + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+std::uint64_t now_ns() { return clock_ns(CLOCK_REALTIME); }
+
+#if BL_HAVE_TSC
+// True when `text` holds `word` delimited by blanks or line ends.
+bool has_word(const char *text, const char *word)
+{
+	const std::size_t n = std::strlen(word);
+	for (const char *p = std::strstr(text, word); p; p = std::strstr(p + 1, word))
+		if ((p == text || p[-1] == ' ' || p[-1] == '\t') &&
+		    (p[n] == ' ' || p[n] == '\n' || p[n] == '\0'))
+			return true;
+	return false;
+}
+
+// Reads up to `cap` - 1 bytes of `path` into `buf`; false when it cannot.
+bool read_text(const char *path, char *buf, std::size_t cap)
+{
+	const int fd = open(path, O_RDONLY | O_CLOEXEC);
+	if (fd == -1)
+		return false;
+	std::size_t used = 0;
+	ssize_t n;
+	while (used + 1 < cap && (n = read(fd, buf + used, cap - 1 - used)) > 0)
+		used += static_cast<std::size_t>(n);
+	close(fd);
+	buf[used] = '\0';
+	return used > 0;
+}
+
+// The TSC can stand for the system clock when it runs at a constant rate
+// through every power state and the kernel itself keeps time with it (so it
+// is synchronised across CPUs).
+bool tsc_is_usable()
+{
+	char buf[16384];  // the first CPU's entry of /proc/cpuinfo is enough
+	if (!read_text("/sys/devices/system/clocksource/clocksource0/current_clocksource", buf, sizeof buf) ||
+	    std::strcmp(buf, "tsc\n") != 0)
+		return false;
+	if (!read_text("/proc/cpuinfo", buf, sizeof buf))
+		return false;
+	char *flags = std::strstr(buf, "\nflags");
+	if (!flags)
+		return false;
+	if (char *eol = std::strchr(flags + 1, '\n'))
+		*eol = '\0';
+	return has_word(flags, "constant_tsc") && has_word(flags, "nonstop_tsc");
+}
+
+// Reads the TSC and `id` together: the TSC value halfway between two reads
+// around the clock, from the tightest of a few tries.
+void read_pair(clockid_t id, std::uint64_t *tsc, std::uint64_t *ns)
+{
+	std::uint64_t best = UINT64_MAX;
+	*tsc = 0;
+	*ns = 0;
+	for (int i = 0; i < 3; i++) {
+		const std::uint64_t t0 = __rdtsc();
+		const std::uint64_t c = clock_ns(id);
+		const std::uint64_t t1 = __rdtsc();
+		if (t1 - t0 < best) {
+			best = t1 - t0;
+			*tsc = t0 + (t1 - t0) / 2;
+			*ns = c;
+		}
+	}
+}
+
+// ns per cycle << BL_MULT_SHIFT from `cycles` cycles that took `ns`.
+std::uint64_t rate_of(std::uint64_t ns, std::uint64_t cycles)
+{
+	return static_cast<std::uint64_t>((static_cast<unsigned __int128>(ns) << BL_MULT_SHIFT) / cycles);
+}
+
+// The TSC rate measured against CLOCK_MONOTONIC over BL_CALIBRATE_NS, once per
+// process; 0 when the TSC is not usable.
+std::uint64_t tsc_start_rate()
+{
+	static const std::uint64_t rate = [] {
+		if (!tsc_is_usable())
+			return std::uint64_t{0};
+		std::uint64_t t0 = 0, n0 = 0, t1 = 0, n1 = 0;
+		read_pair(CLOCK_MONOTONIC, &t0, &n0);
+		const timespec pause = {0, static_cast<long>(BL_CALIBRATE_NS)};
+		nanosleep(&pause, nullptr);
+		read_pair(CLOCK_MONOTONIC, &t1, &n1);
+		if (t1 <= t0 || n1 <= n0)
+			return std::uint64_t{0};
+		return rate_of(n1 - n0, t1 - t0);
+	}();
+	return rate;
+}
+
+// Takes a new anchor into the inactive slot and makes it current; refines the
+// rate from the time since the previous anchor. REQUIRES: the caller holds
+// the outermost open record (no other re-anchor can be under way) or no
+// record can be open yet.
+__attribute__((noinline, cold)) const bl_anchor *reanchor(bl_clock *c)
+{
+	const bl_anchor *old = &c->slot[c->cur];
+	bl_anchor *a = &c->slot[c->cur ^ 1];
+	read_pair(CLOCK_REALTIME, &a->tsc, &a->ns);
+	read_pair(CLOCK_MONOTONIC, &a->mono_tsc, &a->mono_ns);
+	a->mult = old->mult;
+	if (old->mono_ns != 0 && a->mono_tsc > old->mono_tsc && a->mono_ns > old->mono_ns) {
+		const std::uint64_t m = rate_of(a->mono_ns - old->mono_ns, a->mono_tsc - old->mono_tsc);
+		if (m >= c->min_mult && m <= c->max_mult)
+			a->mult = m;
+	}
+	// Publish only a complete slot: a handler may read the current one.
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+	c->cur = c->cur ^ 1;
+	return a;
+}
+
+void clock_init(bl_clock *c)
+{
+	const std::uint64_t rate = tsc_start_rate();
+	c->use_tsc = rate != 0;
+	if (!c->use_tsc)
+		return;
+	c->min_mult = rate - rate / 100;
+	c->max_mult = rate + rate / 100;
+	c->reanchor_cycles = static_cast<std::uint64_t>((static_cast<unsigned __int128>(BL_REANCHOR_NS)
+							  << BL_MULT_SHIFT) / rate);
+	c->slot[c->cur].mult = rate;
+	reanchor(c);
+}
+#else
+void clock_init(bl_clock *c) { c->use_tsc = false; }
+#endif
+
+// Time stamp of a record opened at depth `d` (0 = outermost).
+inline std::uint64_t record_time(bl_log *h, int d)
+{
+#if BL_HAVE_TSC
+	bl_clock *c = &h->clock;
+	if (c->use_tsc) [[likely]] {
+		const bl_anchor *a = &c->slot[c->cur];
+		std::uint64_t delta = __rdtsc() - a->tsc;
+		if (delta > c->reanchor_cycles) [[unlikely]] {
+			if (static_cast<std::int64_t>(delta) < 0)
+				delta = 0;  // read on a CPU whose TSC is a hair behind
+			else if (d == 0) {
+				a = reanchor(c);
+				delta = 0;
+			}
+		}
+		std::uint64_t ns = a->ns + static_cast<std::uint64_t>(
+			(static_cast<unsigned __int128>(delta) * a->mult) >> BL_MULT_SHIFT);
+		// A new anchor may land a little before the interpolated times: keep
+		// the stamps of the file from stepping back (a real clock step back
+		// is larger and passes).
+		const std::uint64_t last = c->last_ns;
+		if (ns < last && last - ns < BL_CLAMP_NS) [[unlikely]]
+			ns = last;
+		c->last_ns = ns;
+		return ns;
+	}
+#else
+	(void)d;
+#endif
+	return now_ns();
 }
 
 // Innermost open record if it is of `level`, else null (the value is dropped).
@@ -344,6 +548,7 @@ bl_log *bl_initialize_handle(const char *file_name, const char *sizes)
 	}
 	h->base = static_cast<unsigned char *>(m);
 	h->map_size = total;
+	clock_init(&h->clock);
 	write_header(h, kib, n);
 	return h;
 }
@@ -398,7 +603,7 @@ void bl_startMsg(bl_log *h, std::uint64_t *slot, std::uint32_t id, int level)
 		r->used = BL_REC_HDR_SIZE;
 		store_le<std::uint64_t>(r->buf, 0);
 		store_le<std::uint32_t>(r->buf + 12, id);
-		store_le<std::uint64_t>(r->buf + 16, now_ns());
+		store_le<std::uint64_t>(r->buf + 16, record_time(h, d));
 	}
 	if (slot)
 		*slot = static_cast<std::uint64_t>(d) + 1;
