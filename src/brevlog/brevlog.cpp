@@ -348,6 +348,27 @@ void put_fmt(void *desc, bl_type type)
 		b->types[b->nargs++] = type;
 }
 
+// Replaces *p by `desired` if it still holds `*expected`, else loads it into
+// `*expected`. The only other writer of a ring head is a signal handler on
+// the writing thread, and a signal is taken only between instructions: on
+// x86-64 one cmpxchg without the lock prefix is atomic against it at a
+// fraction of the locked cost (readers in other processes only load the
+// head). Elsewhere a full atomic compare-exchange does the same.
+inline bool head_cas(std::uint64_t *p, std::uint64_t *expected, std::uint64_t desired)
+{
+#if defined(__x86_64__)
+	bool ok;
+	asm volatile("cmpxchgq %3, %1"
+		     : "=@ccz"(ok), "+m"(*p), "+a"(*expected)
+		     : "r"(desired)
+		     : "memory");
+	return ok;
+#else
+	return std::atomic_ref<std::uint64_t>(*p).compare_exchange_weak(
+		*expected, desired, std::memory_order_acq_rel, std::memory_order_relaxed);
+#endif
+}
+
 // Copies the staged record into its ring: reserve, body, stamp last.
 void commit(bl_log *h, bl_open_record *r)
 {
@@ -361,16 +382,14 @@ void commit(bl_log *h, bl_open_record *r)
 	store_le<std::uint32_t>(r->buf + 8, len);
 
 	// Reserve [start, start + len): a record never crosses the ring's end.
-	std::atomic_ref<std::uint64_t> head(*ring->head);
-	std::uint64_t old = head.load(std::memory_order_relaxed);
+	std::uint64_t old = std::atomic_ref<std::uint64_t>(*ring->head).load(std::memory_order_relaxed);
 	std::uint64_t start;
 	do {
 		start = old;
 		const std::uint64_t off = ring_offset(ring, start);
 		if (off + len > ring->size)
 			start += ring->size - off;
-	} while (!head.compare_exchange_weak(old, start + len, std::memory_order_acq_rel,
-					     std::memory_order_relaxed));
+	} while (!head_cas(ring->head, &old, start + len));
 
 	unsigned char *dst = ring->data + ring_offset(ring, start);
 	std::memcpy(dst + 8, r->buf + 8, len - 8);
