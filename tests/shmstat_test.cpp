@@ -93,42 +93,29 @@ TEST(ShmstatObjectName, FollowsTheDaemonsNamingAndTakesAnObjectVerbatim)
 	EXPECT_EQ(shmstat_object_name("other", nullptr), "other");
 }
 
-TEST(ShmstatRead, RejectsAMissingObjectAndEveryWrongSize)
+TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
 {
 	test_object obj;
 	auto snap = std::make_unique<shmstat_snapshot>();
 	std::string err;
 	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_FOUND);
 	EXPECT_NE(err.find(obj.name), std::string::npos) << err;
-
-	std::vector<char> zeros(SHM_SIZE + 1);
+	std::vector<unsigned char> junk(SHM_SIZE + 1);
+	for (std::size_t i = 0; i < junk.size(); i++)
+		junk[i] = static_cast<unsigned char>(i * 131 + 7);
 	for (std::size_t size : {std::size_t(0), SHM_SIZE - 1, SHM_SIZE + 1}) {
-		ASSERT_TRUE(obj.write(zeros.data(), size));
-		err.clear();
+		ASSERT_TRUE(obj.write(junk.data(), size));
 		EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_WRONG_SIZE) << size;
 		EXPECT_NE(err.find(std::to_string(size) + " bytes"), std::string::npos) << err;
 	}
-	ASSERT_TRUE(obj.write(zeros.data(), SHM_SIZE));
-	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
-	EXPECT_TRUE(snap->stable);
-}
-
-TEST(ShmstatRead, CopiesAStoreAndRejectsGarbageOfTheRightSize)
-{
-	test_object obj;
-	auto want = sample_snapshot();
-	ASSERT_TRUE(obj.write(&want->store, SHM_SIZE));
-	auto snap = std::make_unique<shmstat_snapshot>();
-	std::string err;
-	ASSERT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
-	EXPECT_EQ(std::memcmp(&snap->store, &want->store, SHM_SIZE), 0);
-
-	std::vector<unsigned char> junk(SHM_SIZE);
-	for (std::size_t i = 0; i < junk.size(); i++)
-		junk[i] = static_cast<unsigned char>(i * 131 + 7);
-	ASSERT_TRUE(obj.write(junk.data(), junk.size()));
+	ASSERT_TRUE(obj.write(junk.data(), SHM_SIZE));
 	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_A_STORE);
 	EXPECT_NE(err.find("not a session store"), std::string::npos) << err;
+	auto want = sample_snapshot();
+	ASSERT_TRUE(obj.write(&want->store, SHM_SIZE));
+	ASSERT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
+	EXPECT_EQ(std::memcmp(&snap->store, &want->store, SHM_SIZE), 0);
+	EXPECT_TRUE(snap->stable);
 }
 
 // Each case breaks one rule of a plausible store; `cross` says whether the
@@ -143,20 +130,14 @@ TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 	};
 	const rule_case cases[] = {
 		{"sample store", [](reflector_shm &) {}, true, false},
-		{"state 3", [](reflector_shm &s) { s.sessions[511].prev_state = 3; }, true, false},
 		{"state 4", [](reflector_shm &s) { s.sessions[511].state = 4; }, false, false},
-		{"tx_state 4", [](reflector_shm &s) { s.sessions[510].tx_state = 4; }, false, false},
-		{"diag 31", [](reflector_shm &s) { s.sessions[511].diag = 31; }, true, false},
 		{"tx_diag 32", [](reflector_shm &s) { s.sessions[511].tx_diag = 32; }, false, false},
-		{"version 8", [](reflector_shm &s) { s.sessions[511].version = 8; }, false, false},
 		{"poll 2", [](reflector_shm &s) { s.sessions[509].poll = 2; }, false, false},
 		{"reserved", [](reflector_shm &s) { s.sessions[509].reserved[1] = 1; }, false, false},
-		{"nsec 999999999", [](reflector_shm &s) { s.sessions[511].last_tx.tv_nsec = 999999999; }, true, false},
 		{"nsec 1e9", [](reflector_shm &s) { s.sessions[511].last_rx.tv_nsec = 1000000000; }, false, false},
 		{"negative sec", [](reflector_shm &s) { s.sessions[511].last_tx_state_change.tv_sec = -1; }, false, false},
 		{"free slot dirty", [](reflector_shm &s) { s.sessions[0].num_received = 1; }, false, true},
 		{"trim above miss", [](reflector_shm &s) { s.rx_hash_trim = 10; }, false, true},
-		{"hash at period size", [](reflector_shm &s) { s.rx_hash_hit = 80; s.rx_hash_miss = 9; }, true, true},
 		{"hash above period", [](reflector_shm &s) { s.rx_hash_hit = 81; }, false, true},
 		{"first period full", [](reflector_shm &s) {
 			 s.rx_valid_pkts = 100; s.rx_hash_hit = 0; s.rx_hash_miss = 100; s.rx_hash_trim = 0; }, true, true},
@@ -183,19 +164,6 @@ TEST(ShmstatSessions, ListsMostRecentlyHeardFirstAndTiesInSlotOrder)
 	EXPECT_EQ(shmstat_sessions(snap->store), (std::vector<std::uint32_t>{509, 510, 511}));
 	snap->store.sessions[509].last_rx.tv_nsec -= 1;
 	EXPECT_EQ(shmstat_sessions(snap->store), (std::vector<std::uint32_t>{510, 509, 511}));
-}
-
-TEST(ShmstatAvgPeriod, MatchesTheDaemonsReport)
-{
-	reflector_session s{};
-	const struct {
-		std::uint64_t received, sum, avg;
-	} cases[] = {{0, 0, 0}, {1, 0, 0}, {1, 500, 500}, {2, 700, 700}, {11, 10000005, 1000000}};
-	for (const auto &c : cases) {
-		s.num_received = c.received;
-		s.period_sum = c.sum;
-		EXPECT_EQ(shmstat_avg_period(s), c.avg) << c.received << " " << c.sum;
-	}
 }
 
 TEST(ShmstatJson, CarriesEveryCounterAndTheSessionsInOrder)
