@@ -1,6 +1,6 @@
 // nlctl_test.cpp -- the control agent's library: the message bytes the
-// daemon reads at fixed offsets, argument validation, the pid file, and the
-// send with its "nobody there" errors.
+// daemon reads at fixed offsets, argument validation, and the send with its
+// "nobody there" errors (the pid file is read end to end in tools_test).
 #include "nlctl.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 
 #include "unique_fd.h"
 
@@ -59,27 +58,6 @@ TEST(Nlctl, ArgumentsAreDecimalsWithinRangeAndUsableAddresses)
 	EXPECT_EQ(v, 0xc6336407u);
 	for (const char *bad : {"", "198.51.100", "198.51.100.256", "198.51.100.7 ", "0.0.0.0", "255.255.255.255", "::1"})
 		EXPECT_FALSE(nlctl_parse_ipv4(bad, &v, &err)) << bad;
-}
-
-TEST(Nlctl, PidFileHoldsAPositiveDecimal)
-{
-	const std::string path = "/tmp/nlctl_test_" + std::to_string(getpid()) + ".pid";
-	const struct {
-		const char *content;
-		bool ok;
-	} cases[] = {{"4321\n", true}, {"4321", true}, {"", false}, {"abc\n", false}, {"0\n", false}, {"-5\n", false}};
-	for (const auto &c : cases) {
-		std::ofstream(path) << c.content;
-		pid_t pid = 0;
-		std::string err;
-		EXPECT_EQ(nlctl_read_pidfile(path.c_str(), &pid, &err), c.ok) << c.content;
-		EXPECT_EQ(pid, c.ok ? 4321 : pid) << c.content;
-	}
-	unlink(path.c_str());
-	pid_t pid;
-	std::string err;
-	EXPECT_FALSE(nlctl_read_pidfile(path.c_str(), &pid, &err));
-	EXPECT_NE(err.find(path), std::string::npos);
 }
 
 TEST(Nlctl, SendDeliversToTheBoundPortAndNamesAMissingOne)

@@ -213,33 +213,6 @@ TEST(Reply, FieldsAreReflectedFromTheRequest)
 	}
 }
 
-TEST(Reply, TransmitStatisticsFollowTheSentStates)
-{
-	harness h;
-	h.setup_table();
-	const reflector_session &s = h.shm()->sessions[511];
-	// Up three times, then AdminDown twice.
-	const struct {
-		std::uint8_t admin;
-		bool change_moves;
-		std::uint8_t tx_state, prev_tx_state, tx_diag;
-	} steps[] = {{0, true, 3, 0, 0}, {0, true, 3, 3, 0}, {0, false, 3, 3, 0}, {1, false, 0, 3, 7}, {1, true, 0, 0, 7}};
-	std::uint64_t n = 0;
-	for (const auto &st : steps) {
-		SCOPED_TRACE(++n);
-		reflector_cfg.adminDown = st.admin;
-		h.feed(h.frame(request{}));
-		ASSERT_TRUE(h.reply().has_value());
-		EXPECT_EQ(s.num_sent, n);
-		EXPECT_EQ(s.last_tx_state_change.tv_sec == s.last_tx.tv_sec &&
-				  s.last_tx_state_change.tv_nsec == s.last_tx.tv_nsec,
-			  st.change_moves);
-		EXPECT_EQ(s.tx_state, st.tx_state);
-		EXPECT_EQ(s.prev_tx_state, st.prev_tx_state);
-		EXPECT_EQ(s.tx_diag, st.tx_diag);
-	}
-}
-
 TEST(Reply, SendFailuresAreCountedAndRetriedOnlyWhenUnreachable)
 {
 	const struct {

@@ -69,22 +69,6 @@ TEST(SessionTable, NewSessionsTakeTheHighestFreeSlotAndHitsMoveToTheFront)
 	EXPECT_EQ(a->free_link.next, UNLINKED_NEXT);
 }
 
-TEST(SessionTable, KeysSharingABucketAreBothFoundNewestFirst)
-{
-	harness h;
-	h.setup_table();
-	const std::uint32_t b = get_session_hash(ip("192.0.2.9"), 1);
-	std::uint32_t other = 2;
-	while (get_session_hash(ip("192.0.2.9"), other) != b)
-		other++;
-	session_node *first = lookup(h, 1, "192.0.2.9");
-	session_node *second = lookup(h, other, "192.0.2.9");
-	EXPECT_EQ(h.vrf->hash_tbl[b].next, &second->hash_list);
-	EXPECT_EQ(second->hash_list.next, &first->hash_list);
-	EXPECT_EQ(lookup(h, 1, "192.0.2.9"), first);
-	EXPECT_EQ(lookup(h, other, "192.0.2.9"), second);
-}
-
 TEST(SessionTable, FullTableEvictsTheLeastRecentlyUsedSession)
 {
 	harness h;
