@@ -79,7 +79,9 @@ static_assert(BL_REC_HDR_SIZE == 8 + 4 + 4 + 8);
 struct bl_open_record {
 	int level;                             // level given to bl_startMsg
 	std::uint32_t used;                    // bytes of buf in use, header included
-	alignas(8) unsigned char buf[BL_MAX_RECORD];  // stamp, len, msg_id, time_ns, values
+	// stamp (not used while staged), len, msg_id, time_ns, values; the 8
+	// bytes past BL_MAX_RECORD take the padding store of a full record
+	alignas(8) unsigned char buf[BL_MAX_RECORD + 8];
 };
 
 struct bl_ring {
@@ -369,6 +371,20 @@ inline bool head_cas(std::uint64_t *p, std::uint64_t *expected, std::uint64_t de
 #endif
 }
 
+// Copies `n` bytes, a multiple of 8: a typical record is a few words, too
+// short to pay for a call into the library's memcpy.
+inline void copy_words(unsigned char *dst, const unsigned char *src, std::uint32_t n)
+{
+	if (n > 128) [[unlikely]] {
+		std::memcpy(dst, src, n);
+		return;
+	}
+	for (; n >= 16; n -= 16, dst += 16, src += 16)
+		__builtin_memcpy(dst, src, 16);
+	if (n)
+		__builtin_memcpy(dst, src, 8);
+}
+
 // Copies the staged record into its ring: reserve, body, stamp last.
 void commit(bl_log *h, bl_open_record *r)
 {
@@ -378,7 +394,7 @@ void commit(bl_log *h, bl_open_record *r)
 	const std::uint32_t len = (r->used + 7u) & ~7u;
 	if (len > ring->size)
 		return;
-	std::memset(r->buf + r->used, 0, len - r->used);
+	store_le<std::uint64_t>(r->buf + r->used, 0);  // the padding, and a little beyond
 	store_le<std::uint32_t>(r->buf + 8, len);
 
 	// Reserve [start, start + len): a record never crosses the ring's end.
@@ -392,7 +408,7 @@ void commit(bl_log *h, bl_open_record *r)
 	} while (!head_cas(ring->head, &old, start + len));
 
 	unsigned char *dst = ring->data + ring_offset(ring, start);
-	std::memcpy(dst + 8, r->buf + 8, len - 8);
+	copy_words(dst + 8, r->buf + 8, len - 8);
 	std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t *>(dst))
 		.store(~start, std::memory_order_release);
 }
@@ -620,7 +636,6 @@ void bl_startMsg(bl_log *h, std::uint64_t *slot, std::uint32_t id, int level)
 		bl_open_record *r = &h->stack[d];
 		r->level = level;
 		r->used = BL_REC_HDR_SIZE;
-		store_le<std::uint64_t>(r->buf, 0);
 		store_le<std::uint32_t>(r->buf + 12, id);
 		store_le<std::uint64_t>(r->buf + 16, record_time(h, d));
 	}
