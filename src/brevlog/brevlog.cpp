@@ -288,6 +288,50 @@ void clock_init(bl_clock *c)
 void clock_init(bl_clock *c) { c->use_tsc = false; }
 #endif
 
+#if BL_HAVE_TSC
+// A new anchor may land a little before the times interpolated from the
+// previous one: keep the stamps of the file from stepping back by that much
+// (a real step back of the clock is larger and passes).
+inline std::uint64_t clamped(bl_clock *c, std::uint64_t ns)
+{
+	const std::uint64_t last = c->last_ns;
+	if (ns < last && last - ns < BL_CLAMP_NS) [[unlikely]]
+		ns = last;
+	c->last_ns = ns;
+	return ns;
+}
+
+inline std::uint64_t interpolate(const bl_anchor *a, std::uint64_t delta)
+{
+	return a->ns + static_cast<std::uint64_t>((static_cast<unsigned __int128>(delta) * a->mult) >>
+						  BL_MULT_SHIFT);
+}
+#endif
+
+// record_time when the anchor is due or the TSC is not used.
+__attribute__((noinline, cold)) std::uint64_t record_time_slow(bl_log *h, int d)
+{
+#if BL_HAVE_TSC
+	bl_clock *c = &h->clock;
+	if (c->use_tsc) {
+		const bl_anchor *a = &c->slot[c->cur];
+		std::uint64_t delta = __rdtsc() - a->tsc;
+		if (static_cast<std::int64_t>(delta) < 0)
+			delta = 0;  // read on a CPU whose TSC is a hair behind
+		else if (d == 0) {
+			a = reanchor(c);
+			delta = 0;
+		}
+		// A nested record extrapolates; the outermost one re-anchors.
+		return clamped(c, interpolate(a, delta));
+	}
+#else
+	(void)h;
+	(void)d;
+#endif
+	return now_ns();
+}
+
 // Time stamp of a record opened at depth `d` (0 = outermost).
 inline std::uint64_t record_time(bl_log *h, int d)
 {
@@ -295,30 +339,12 @@ inline std::uint64_t record_time(bl_log *h, int d)
 	bl_clock *c = &h->clock;
 	if (c->use_tsc) [[likely]] {
 		const bl_anchor *a = &c->slot[c->cur];
-		std::uint64_t delta = __rdtsc() - a->tsc;
-		if (delta > c->reanchor_cycles) [[unlikely]] {
-			if (static_cast<std::int64_t>(delta) < 0)
-				delta = 0;  // read on a CPU whose TSC is a hair behind
-			else if (d == 0) {
-				a = reanchor(c);
-				delta = 0;
-			}
-		}
-		std::uint64_t ns = a->ns + static_cast<std::uint64_t>(
-			(static_cast<unsigned __int128>(delta) * a->mult) >> BL_MULT_SHIFT);
-		// A new anchor may land a little before the interpolated times: keep
-		// the stamps of the file from stepping back (a real clock step back
-		// is larger and passes).
-		const std::uint64_t last = c->last_ns;
-		if (ns < last && last - ns < BL_CLAMP_NS) [[unlikely]]
-			ns = last;
-		c->last_ns = ns;
-		return ns;
+		const std::uint64_t delta = __rdtsc() - a->tsc;
+		if (delta <= c->reanchor_cycles) [[likely]]
+			return clamped(c, interpolate(a, delta));
 	}
-#else
-	(void)d;
 #endif
-	return now_ns();
+	return record_time_slow(h, d);
 }
 
 // Innermost open record if it is of `level`, else null (the value is dropped).
