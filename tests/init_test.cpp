@@ -1,10 +1,8 @@
-// init_test.cpp -- the context's I/O set-up: netnsSocketAt, the shared
-// store's name, vrf_init's failure after the store is set up, and
-// init_socket in a namespace of the test's own.
+// init_test.cpp -- the context's I/O set-up: netnsSocketAt, here and in a
+// namespace of the test's own, the shared store's name, and vrf_init's
+// failure after the store is set up. The sockets init_socket opens, their
+// filters and events are proven end to end (reflect_test, startup_test).
 #include <arpa/inet.h>
-#include <event2/event.h>
-#include <linux/if_packet.h>
-#include <linux/netlink.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -144,45 +142,4 @@ TEST_F(InitInNamespace, NetnsSocketAtMakesTheSocketThereAndReturnsHome)
 	errno = 0;
 	EXPECT_EQ(netnsSocketAt(AF_MAX + 1, SOCK_DGRAM, 0, ns_->name().c_str()), -1);
 	EXPECT_EQ(errno, EAFNOSUPPORT);
-}
-
-TEST_F(InitInNamespace, InitSocketOpensEverySocketThereWithFiltersAndEvents)
-{
-	config_reset cfg;
-	reflector_vrf vrf{};
-	vrf.name = ns_->name().c_str();
-	vrf.base = event_base_new();
-	reflector_cfg.sourceIp = inet_addr("192.0.2.1");
-	ASSERT_EQ(init_socket(&vrf), INIT_OK) << std::strerror(errno);
-	unique_fd fds[] = {unique_fd{vrf.outfd}, unique_fd{vrf.infd}, unique_fd{vrf.mplsfd}, unique_fd{vrf.nlfd}};
-	for (const auto &fd : fds)
-		EXPECT_TRUE(sees_orvdum0(fd.get())) << "fd " << fd.get();
-	auto protocol = [](int fd) {
-		sockaddr_ll ll{};
-		socklen_t len = sizeof ll;
-		return getsockname(fd, reinterpret_cast<sockaddr *>(&ll), &len) == 0 ? ll.sll_protocol : -1;
-	};
-	EXPECT_EQ(protocol(vrf.infd), htons(0x0800));
-	EXPECT_EQ(protocol(vrf.mplsfd), htons(0x8847));
-	EXPECT_EQ(int_option(vrf.nlfd, SOL_SOCKET, SO_PROTOCOL), NETLINK_USERSOCK);
-	const struct {
-		int fd;
-		const sock_filter *prog;
-		std::size_t len;
-	} filters[] = {{vrf.infd, sbfd_udp_filter, SBFD_UDP_FILTER_LEN}, {vrf.mplsfd, sbfd_mpls_filter, SBFD_MPLS_FILTER_LEN}};
-	for (const auto &f : filters) {
-		std::vector<sock_filter> got(64);
-		socklen_t count = static_cast<socklen_t>(got.size());
-		ASSERT_EQ(getsockopt(f.fd, SOL_SOCKET, SO_GET_FILTER, got.data(), &count), 0);
-		EXPECT_EQ(count, f.len);
-		EXPECT_EQ(std::memcmp(got.data(), f.prog, f.len * sizeof *f.prog), 0);
-	}
-	for (auto [ev, fd] : {std::pair{vrf.event, vrf.infd}, {vrf.eventMpls, vrf.mplsfd}, {vrf.eventNetlink, vrf.nlfd}}) {
-		ASSERT_NE(ev, nullptr);
-		EXPECT_EQ(event_get_fd(ev), fd);
-		EXPECT_EQ(event_get_events(ev), EV_READ | EV_PERSIST);
-		EXPECT_TRUE(event_pending(ev, EV_READ, nullptr));
-		event_free(ev);
-	}
-	event_base_free(vrf.base);
 }
