@@ -316,13 +316,17 @@ __attribute__((noinline, cold)) std::uint64_t record_time_slow(bl_log *h, int d)
 	if (c->use_tsc) {
 		const bl_anchor *a = &c->slot[c->cur];
 		std::uint64_t delta = __rdtsc() - a->tsc;
-		if (static_cast<std::int64_t>(delta) < 0)
+		const bool behind = static_cast<std::int64_t>(delta) < 0;
+		if (behind && 0 - delta <= c->reanchor_cycles)
 			delta = 0;  // read on a CPU whose TSC is a hair behind
 		else if (d == 0) {
+			// The anchor is due, or the TSC went back (restarted by a
+			// resume): the outermost record takes a new one.
 			a = reanchor(c);
 			delta = 0;
-		}
-		// A nested record extrapolates; the outermost one re-anchors.
+		} else if (behind)
+			return now_ns();  // nested under a record that has not re-anchored yet
+		// else a nested record extrapolates from the old anchor
 		return clamped(c, interpolate(a, delta));
 	}
 #else

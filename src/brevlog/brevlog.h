@@ -58,7 +58,13 @@
 //                             is incomplete or overwritten
 //     8   u32    len          total bytes, multiple of 8, >= 24
 //     12  u32    msg_id
-//     16  u64    time_ns      CLOCK_REALTIME when the record was opened
+//     16  u64    time_ns      CLOCK_REALTIME when the record was opened,
+//                             nanoseconds. On x86-64 with an invariant TSC it
+//                             is interpolated from the TSC between readings
+//                             of the clock about 50 ms apart (within
+//                             microseconds of the clock); a step back of
+//                             under 1 ms that a new reading brings is held at
+//                             the previous stamp, larger clock steps show.
 //     24  value*              each: u8 bl_type, then
 //                               bool, u8       1 byte
 //                               u16            2 bytes
