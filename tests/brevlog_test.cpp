@@ -190,6 +190,59 @@ TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 	}
 }
 
+namespace {
+
+void trace_nested(int) { TRACE(TRACE_ERROR, "ERROR: nested"); }
+
+}  // namespace
+
+// A handler's record nested in a record opened before a pause longer than
+// the anchor interval takes the time of the moment too (it may not take a
+// new anchor under the interrupted record); the next outermost record does.
+TEST(BrevlogWriter, NestedRecordAfterALongOpenRecordKeepsTheClock)
+{
+	testutil::temp_dir dir;
+	global_handle g(dir.path(), "8, 8");
+	ASSERT_TRUE(bl_isInitialized(bl_handle));
+	struct sigaction sa = {}, saved = {};
+	sa.sa_handler = trace_nested;
+	ASSERT_EQ(sigaction(SIGRTMIN + 9, &sa, &saved), 0);
+	struct restore {
+		const struct sigaction *old;
+		~restore() { sigaction(SIGRTMIN + 9, old, nullptr); }
+	} guard{&saved};
+
+	alignas(16) unsigned char desc[trace_detail::DESC_BLOCK_SIZE];
+	ASSERT_LE(bl_msgDescSize(), static_cast<int>(sizeof desc));
+	std::uint32_t id = 0;
+	bl_msgDescInit(bl_handle, desc, &id, "outer.cpp", 1);
+	bl_addMsg(desc, "INIT: outer");
+	bl_finish(desc);
+
+	std::uint64_t win[3][2], slot = 0;
+	win[0][0] = realtime_ns();
+	bl_startMsg(bl_handle, &slot, id, 0);
+	win[0][1] = realtime_ns();
+	usleep(120 * 1000);
+	win[1][0] = realtime_ns();
+	raise(SIGRTMIN + 9);
+	win[1][1] = realtime_ns();
+	bl_endMsg(bl_handle, 0);
+	win[2][0] = realtime_ns();
+	TRACE(0, "INIT: after");
+	win[2][1] = realtime_ns();
+
+	const auto recs = read_all(dir.file("test.bl"));
+	ASSERT_EQ(recs.size(), 3u);
+	const char *texts[] = {"INIT: outer", "ERROR: nested", "INIT: after"};
+	constexpr std::uint64_t SLACK_NS = 1000000;
+	for (std::size_t i = 0; i < 3; i++) {
+		EXPECT_EQ(recs[i].text, texts[i]);
+		EXPECT_GE(recs[i].time_ns + SLACK_NS, win[i][0]) << texts[i];
+		EXPECT_LE(recs[i].time_ns, win[i][1] + SLACK_NS) << texts[i];
+	}
+}
+
 // The child traces at levels 3 and 1 in a loop while the parent signals it;
 // its handler traces at level 1. Every record must come back whole.
 namespace {
