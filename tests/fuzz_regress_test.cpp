@@ -38,7 +38,8 @@ std::unique_ptr<shmstat_snapshot> snapshot_of(const std::vector<std::uint8_t> &b
 {
 	auto snap = std::make_unique<shmstat_snapshot>();
 	std::memset(snap.get(), 0, sizeof *snap);
-	std::memcpy(&snap->store, bytes.data(), std::min(bytes.size(), SHM_SIZE));
+	if (!bytes.empty())  // data() of an empty vector may be null
+		std::memcpy(&snap->store, bytes.data(), std::min(bytes.size(), SHM_SIZE));
 	snap->taken = {1700000000, 500000000};
 	snap->stable = true;
 	return snap;
