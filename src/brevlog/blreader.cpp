@@ -49,16 +49,16 @@ const unsigned char *level_entry(const unsigned char *base, std::uint32_t i)
 bool valid_type(std::uint8_t t) { return t >= BL_T_BOOL && t <= BL_T_S64; }
 
 // Rebuilt conversion, e.g. "%-09.3" + "ll" + "u", rendered with one value.
-template <typename T> std::string render_one(const std::string &spec, T v)
+template <typename T> std::string render_one(const std::string &conversion, T v)
 {
 	char small[128];
-	const int n = std::snprintf(small, sizeof small, spec.c_str(), v);
+	const int n = std::snprintf(small, sizeof small, conversion.c_str(), v);
 	if (n < 0)
 		return BLR_MISSING;
 	if (static_cast<std::size_t>(n) < sizeof small)
 		return std::string(small, static_cast<std::size_t>(n));
 	std::string big(static_cast<std::size_t>(n) + 1, '\0');
-	std::snprintf(big.data(), big.size(), spec.c_str(), v);
+	std::snprintf(big.data(), big.size(), conversion.c_str(), v);
 	big.resize(static_cast<std::size_t>(n));
 	return big;
 }
@@ -69,28 +69,28 @@ template <typename T> T as(std::uint64_t bits)
 	return static_cast<T>(bits);
 }
 
-std::string render_signed(const std::string &spec, std::string_view len, std::uint64_t bits)
+std::string render_signed(const std::string &conversion, std::string_view len, std::uint64_t bits)
 {
-	if (len == "hh") return render_one(spec, static_cast<int>(as<signed char>(bits)));
-	if (len == "h") return render_one(spec, static_cast<int>(as<short>(bits)));
-	if (len == "l") return render_one(spec, as<long>(bits));
-	if (len == "ll") return render_one(spec, as<long long>(bits));
-	if (len == "z") return render_one(spec, as<ssize_t>(bits));
-	if (len == "j") return render_one(spec, as<std::intmax_t>(bits));
-	if (len == "t") return render_one(spec, as<std::ptrdiff_t>(bits));
-	return render_one(spec, as<int>(bits));
+	if (len == "hh") return render_one(conversion, static_cast<int>(as<signed char>(bits)));
+	if (len == "h") return render_one(conversion, static_cast<int>(as<short>(bits)));
+	if (len == "l") return render_one(conversion, as<long>(bits));
+	if (len == "ll") return render_one(conversion, as<long long>(bits));
+	if (len == "z") return render_one(conversion, as<ssize_t>(bits));
+	if (len == "j") return render_one(conversion, as<std::intmax_t>(bits));
+	if (len == "t") return render_one(conversion, as<std::ptrdiff_t>(bits));
+	return render_one(conversion, as<int>(bits));
 }
 
-std::string render_unsigned(const std::string &spec, std::string_view len, std::uint64_t bits)
+std::string render_unsigned(const std::string &conversion, std::string_view len, std::uint64_t bits)
 {
-	if (len == "hh") return render_one(spec, static_cast<unsigned>(as<unsigned char>(bits)));
-	if (len == "h") return render_one(spec, static_cast<unsigned>(as<unsigned short>(bits)));
-	if (len == "l") return render_one(spec, as<unsigned long>(bits));
-	if (len == "ll") return render_one(spec, as<unsigned long long>(bits));
-	if (len == "z") return render_one(spec, as<std::size_t>(bits));
-	if (len == "j") return render_one(spec, as<std::uintmax_t>(bits));
-	if (len == "t") return render_one(spec, as<std::make_unsigned_t<std::ptrdiff_t>>(bits));
-	return render_one(spec, as<unsigned>(bits));
+	if (len == "hh") return render_one(conversion, static_cast<unsigned>(as<unsigned char>(bits)));
+	if (len == "h") return render_one(conversion, static_cast<unsigned>(as<unsigned short>(bits)));
+	if (len == "l") return render_one(conversion, as<unsigned long>(bits));
+	if (len == "ll") return render_one(conversion, as<unsigned long long>(bits));
+	if (len == "z") return render_one(conversion, as<std::size_t>(bits));
+	if (len == "j") return render_one(conversion, as<std::uintmax_t>(bits));
+	if (len == "t") return render_one(conversion, as<std::make_unsigned_t<std::ptrdiff_t>>(bits));
+	return render_one(conversion, as<unsigned>(bits));
 }
 
 bool is_int_value(const blr_value &v) { return v.type != BL_T_CHARP; }
@@ -101,10 +101,10 @@ std::string render_conversion(std::string_view flags, std::string_view width,
 			      std::string_view prec, std::string_view len, char conv,
 			      const blr_value *v)
 {
-	// q and L mean ll for integers; the rebuilt spec names the type we pass.
+	// q and L mean ll for integers; the rebuilt conversion names the type we pass.
 	std::string_view l = (len == "q" || len == "L") ? std::string_view("ll") : len;
-	std::string spec = "%";
-	spec.append(flags).append(width).append(prec);
+	std::string conversion = "%";
+	conversion.append(flags).append(width).append(prec);
 	if (!v)
 		return BLR_MISSING;
 	switch (conv) {
@@ -112,31 +112,31 @@ std::string render_conversion(std::string_view flags, std::string_view width,
 	case 'i':
 		if (!is_int_value(*v))
 			return BLR_MISSING;
-		spec.append(l).push_back(conv);
-		return render_signed(spec, l, v->bits);
+		conversion.append(l).push_back(conv);
+		return render_signed(conversion, l, v->bits);
 	case 'u':
 	case 'o':
 	case 'x':
 	case 'X':
 		if (!is_int_value(*v))
 			return BLR_MISSING;
-		spec.append(l).push_back(conv);
-		return render_unsigned(spec, l, v->bits);
+		conversion.append(l).push_back(conv);
+		return render_unsigned(conversion, l, v->bits);
 	case 'c':
 		if (!is_int_value(*v) || !len.empty())
 			return BLR_MISSING;
-		spec.push_back('c');
-		return render_one(spec, as<int>(v->bits));
+		conversion.push_back('c');
+		return render_one(conversion, as<int>(v->bits));
 	case 'p':
 		if (!is_int_value(*v))
 			return BLR_MISSING;
-		spec.push_back('p');
-		return render_one(spec, reinterpret_cast<const void *>(as<std::uintptr_t>(v->bits)));
+		conversion.push_back('p');
+		return render_one(conversion, reinterpret_cast<const void *>(as<std::uintptr_t>(v->bits)));
 	case 's':
 		if (v->type != BL_T_CHARP || !len.empty())
 			return BLR_MISSING;
-		spec.push_back('s');
-		return render_one(spec, v->text.c_str());
+		conversion.push_back('s');
+		return render_one(conversion, v->text.c_str());
 	default:
 		// Floating conversions: no stored type is a floating value.
 		return BLR_MISSING;

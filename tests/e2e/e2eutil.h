@@ -191,8 +191,8 @@ public:
 		return sendto(udp_.get(), b, sizeof b, 0, reinterpret_cast<sockaddr *>(&d), sizeof d) == sizeof b;
 	}
 
-	// A frame spec addressed from vi0 to vd0, from our UDP port to 7784.
-	frame_spec spec() const
+	// A frame shape addressed from vi0 to vd0, from our UDP port to 7784.
+	frame_spec shape() const
 	{
 		frame_spec s;
 		std::memcpy(s.dst_mac, peer_mac_, 6);

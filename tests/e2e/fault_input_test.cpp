@@ -18,7 +18,7 @@ constexpr std::uint32_t MIN_RX = 3300;
 
 class FaultInputInNamespace : public e2e::E2eTest {
 protected:
-	fault::load_spec spec(std::uint32_t rate, std::chrono::milliseconds d) const
+	fault::load_spec shape(std::uint32_t rate, std::chrono::milliseconds d) const
 	{
 		fault::load_spec s;
 		s.ns = b->ns_i();
@@ -33,7 +33,7 @@ protected:
 	// Runs `harm` on this thread while the load runs; returns the load's result.
 	template <typename F> fault::load_result under_load(std::uint32_t rate, std::chrono::milliseconds d, F harm)
 	{
-		fault::load l(spec(rate, d));
+		fault::load l(shape(rate, d));
 		EXPECT_TRUE(l.ok());
 		const auto end = std::chrono::steady_clock::now() + d;
 		for (std::uint64_t i = 0; std::chrono::steady_clock::now() < end; i++)
@@ -57,7 +57,7 @@ TEST_F(FaultInputInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 		return b;
 	};
 	std::vector<std::vector<std::uint8_t>> bad;
-	frame_spec s = ini->spec();
+	frame_spec s = ini->shape();
 	auto good = request(9, DISC);
 	auto v0 = good;
 	v0[0] = 0x00;  // version 0

@@ -69,7 +69,7 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredWithEveryField)
 
 	// Under label 0; the reply comes back as plain IPv4/UDP.
 	probe_params labelled = request(2002);
-	frame_spec s = ini->spec();
+	frame_spec s = ini->shape();
 	s.labels = {0};
 	std::uint8_t req[BFD_PKT_LEN];
 	probe_encode_request(labelled, req);
@@ -129,7 +129,7 @@ TEST_F(ReflectInNamespace, FramesTheFiltersRejectDrawNoReplyAndCountNothing)
 		{"labelled, another port", {0}, 3784, 0},
 	};
 	for (const auto &c : cases) {
-		frame_spec s = ini->spec();
+		frame_spec s = ini->shape();
 		s.labels = c.labels;
 		s.dst_port = c.dst_port;
 		s.frag = c.frag;
@@ -137,7 +137,7 @@ TEST_F(ReflectInNamespace, FramesTheFiltersRejectDrawNoReplyAndCountNothing)
 	}
 	// A valid request last: once its reply is in, the daemon has had every
 	// frame before it; none of them may be answered or even counted.
-	frame_spec good = ini->spec();
+	frame_spec good = ini->shape();
 	ASSERT_TRUE(ini->send_frame(probe_frame_build(good, req)));
 	auto r = ini->capture();
 	ASSERT_TRUE(r);
@@ -156,7 +156,7 @@ TEST_F(ReflectInNamespace, UnreachableInitiatorCostsSixAttemptsAndOthersAreStill
 	// 198.51.100.7 has no route in the daemon's namespace: ENETUNREACH.
 	std::uint8_t req[BFD_PKT_LEN];
 	probe_encode_request(request(4004), req);
-	frame_spec s = ini->spec();
+	frame_spec s = ini->shape();
 	s.src_ip = 0xc6336407;
 	ASSERT_TRUE(ini->send_frame(probe_frame_build(s, req)));
 	e2e::shm_view shm(b->shm_path());

@@ -167,48 +167,48 @@ std::uint16_t probe_checksum(std::span<const std::uint8_t> data, std::uint32_t s
 	return static_cast<std::uint16_t>(~sum);
 }
 
-std::vector<std::uint8_t> probe_frame_build(const frame_spec &spec,
+std::vector<std::uint8_t> probe_frame_build(const frame_spec &shape,
 					    std::span<const std::uint8_t> payload)
 {
-	const std::size_t ihl_bytes = IPV4_HDR_LEN + spec.ip_options.size();
+	const std::size_t ihl_bytes = IPV4_HDR_LEN + shape.ip_options.size();
 	const std::size_t udp_len = UDP_HDR_LEN + payload.size();
-	const std::size_t ip_off = ETH_HDR_LEN + MPLS_ENTRY_LEN * spec.labels.size();
+	const std::size_t ip_off = ETH_HDR_LEN + MPLS_ENTRY_LEN * shape.labels.size();
 	std::vector<std::uint8_t> f(ip_off + ihl_bytes + udp_len, 0);
 
 	// Ethernet header, then the label stack, bottom-of-stack on the last entry.
-	std::memcpy(&f[0], spec.dst_mac, 6);
-	std::memcpy(&f[6], spec.src_mac, 6);
-	put16(&f[12], spec.labels.empty() ? ETH_TYPE_IPV4 : ETH_TYPE_MPLS);
-	for (std::size_t i = 0; i < spec.labels.size(); i++) {
-		std::uint32_t bos = i + 1 == spec.labels.size() ? 0x100 : 0;
-		put32(&f[ETH_HDR_LEN + 4 * i], (spec.labels[i] & 0xfffff) << 12 | bos | spec.mpls_ttl);
+	std::memcpy(&f[0], shape.dst_mac, 6);
+	std::memcpy(&f[6], shape.src_mac, 6);
+	put16(&f[12], shape.labels.empty() ? ETH_TYPE_IPV4 : ETH_TYPE_MPLS);
+	for (std::size_t i = 0; i < shape.labels.size(); i++) {
+		std::uint32_t bos = i + 1 == shape.labels.size() ? 0x100 : 0;
+		put32(&f[ETH_HDR_LEN + 4 * i], (shape.labels[i] & 0xfffff) << 12 | bos | shape.mpls_ttl);
 	}
 
 	// IPv4 header with its checksum.
 	std::uint8_t *ip = &f[ip_off];
 	ip[0] = static_cast<std::uint8_t>(0x40 | ihl_bytes / 4);
-	ip[1] = spec.tos;
+	ip[1] = shape.tos;
 	put16(ip + 2, static_cast<std::uint16_t>(ihl_bytes + udp_len));
-	put16(ip + 4, spec.ip_id);
-	put16(ip + 6, spec.frag);
-	ip[8] = spec.ip_ttl;
-	ip[9] = spec.ip_proto;
-	put32(ip + 12, spec.src_ip);
-	put32(ip + 16, spec.dst_ip);
-	if (!spec.ip_options.empty())
-		std::memcpy(ip + IPV4_HDR_LEN, spec.ip_options.data(), spec.ip_options.size());
+	put16(ip + 4, shape.ip_id);
+	put16(ip + 6, shape.frag);
+	ip[8] = shape.ip_ttl;
+	ip[9] = shape.ip_proto;
+	put32(ip + 12, shape.src_ip);
+	put32(ip + 16, shape.dst_ip);
+	if (!shape.ip_options.empty())
+		std::memcpy(ip + IPV4_HDR_LEN, shape.ip_options.data(), shape.ip_options.size());
 	put16(ip + 10, probe_checksum({ip, ihl_bytes}));
 
 	// UDP header and payload; the checksum covers the pseudo-header (RFC 768).
 	std::uint8_t *udp = ip + ihl_bytes;
-	put16(udp, spec.src_port);
-	put16(udp + 2, spec.dst_port);
+	put16(udp, shape.src_port);
+	put16(udp + 2, shape.dst_port);
 	put16(udp + 4, static_cast<std::uint16_t>(udp_len));
 	if (!payload.empty())
 		std::memcpy(udp + UDP_HDR_LEN, payload.data(), payload.size());
-	if (spec.ip_proto == IP_PROTO_UDP && (spec.frag & 0x3fff) == 0) {
-		std::uint32_t pseudo = (spec.src_ip >> 16) + (spec.src_ip & 0xffff) + (spec.dst_ip >> 16) +
-				       (spec.dst_ip & 0xffff) + IP_PROTO_UDP + static_cast<std::uint32_t>(udp_len);
+	if (shape.ip_proto == IP_PROTO_UDP && (shape.frag & 0x3fff) == 0) {
+		std::uint32_t pseudo = (shape.src_ip >> 16) + (shape.src_ip & 0xffff) + (shape.dst_ip >> 16) +
+				       (shape.dst_ip & 0xffff) + IP_PROTO_UDP + static_cast<std::uint32_t>(udp_len);
 		std::uint16_t c = probe_checksum({udp, udp_len}, pseudo);
 		put16(udp + 6, c == 0 ? 0xffff : c);
 	}
@@ -345,7 +345,7 @@ struct prober {
 	unique_fd raw;
 	sockaddr_in local{};
 	sockaddr_ll ll{};
-	frame_spec spec;
+	frame_spec shape;
 	std::uint8_t req[BFD_PKT_LEN]{};
 
 	int setup(std::string *err);
@@ -396,14 +396,14 @@ int prober::setup(std::string *err)
 		*err = errno_text("SIOCGIFHWADDR", errno);
 		return PING_ERR_SETUP;
 	}
-	std::memcpy(spec.src_mac, ifr.ifr_hwaddr.sa_data, 6);
+	std::memcpy(shape.src_mac, ifr.ifr_hwaddr.sa_data, 6);
 	if (opt.dst_mac) {
-		std::memcpy(spec.dst_mac, opt.dst_mac->data(), 6);
+		std::memcpy(shape.dst_mac, opt.dst_mac->data(), 6);
 	} else {
 		// Resolve through the neighbour table; a plain probe, whose reply
 		// is discarded, makes the kernel resolve it when it is not known.
 		std::uint32_t hop = next_hop(opt.mpls_iface, opt.target.s_addr);
-		if (!arp_lookup(opt.mpls_iface, hop, spec.dst_mac)) {
+		if (!arp_lookup(opt.mpls_iface, hop, shape.dst_mac)) {
 			sockaddr_in dst{};
 			dst.sin_family = AF_INET;
 			dst.sin_port = htons(SBFD_PORT);
@@ -412,7 +412,7 @@ int prober::setup(std::string *err)
 			bool found = false;
 			for (int i = 0; i < 100 && !found; i++) {
 				usleep(10000);
-				found = arp_lookup(opt.mpls_iface, hop, spec.dst_mac);
+				found = arp_lookup(opt.mpls_iface, hop, shape.dst_mac);
 			}
 			if (!found) {
 				*err = "cannot resolve the next hop " + ip_text(hop) + " on " + opt.mpls_iface +
@@ -427,15 +427,15 @@ int prober::setup(std::string *err)
 			}
 		}
 	}
-	spec.labels = {0};
-	spec.src_ip = ntohl(local.sin_addr.s_addr);
-	spec.dst_ip = ntohl(opt.target.s_addr);
-	spec.src_port = ntohs(local.sin_port);
+	shape.labels = {0};
+	shape.src_ip = ntohl(local.sin_addr.s_addr);
+	shape.dst_ip = ntohl(opt.target.s_addr);
+	shape.src_port = ntohs(local.sin_port);
 	ll.sll_family = AF_PACKET;
 	ll.sll_protocol = htons(ETH_TYPE_MPLS);
 	ll.sll_ifindex = static_cast<int>(ifindex);
 	ll.sll_halen = 6;
-	std::memcpy(ll.sll_addr, spec.dst_mac, 6);
+	std::memcpy(ll.sll_addr, shape.dst_mac, 6);
 	return PING_OK;
 }
 
@@ -443,8 +443,8 @@ bool prober::send_one(std::string *err)
 {
 	ssize_t n;
 	if (raw.get() >= 0) {
-		spec.ip_id = static_cast<std::uint16_t>(st->sent + 1);
-		std::vector<std::uint8_t> f = probe_frame_build(spec, req);
+		shape.ip_id = static_cast<std::uint16_t>(st->sent + 1);
+		std::vector<std::uint8_t> f = probe_frame_build(shape, req);
 		n = sendto(raw.get(), f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&ll), sizeof ll);
 	} else {
 		sockaddr_in dst{};

@@ -98,9 +98,9 @@ struct frame_spec {
 	std::uint16_t dst_port = SBFD_PORT;
 };
 
-// Builds the frame of `spec` around `payload` (the UDP payload; with another
+// Builds the frame of `shape` around `payload` (the UDP payload; with another
 // ip_proto the 8 "UDP" bytes still precede it, as the port fields of TCP do).
-std::vector<std::uint8_t> probe_frame_build(const frame_spec &spec,
+std::vector<std::uint8_t> probe_frame_build(const frame_spec &shape,
 					    std::span<const std::uint8_t> payload);
 
 // A parsed Ethernet/[MPLS]/IPv4/UDP frame; addresses and ports in host order.
