@@ -66,8 +66,11 @@ bool ts_plausible(const shm_timestamp &t) { return t.tv_sec >= 0 && t.tv_nsec >=
 // Seconds from `then` to `now`, never negative (a clock set back shows 0).
 double seconds_since(const shm_timestamp &then, const shm_timestamp &now)
 {
-	double d = double(now.tv_sec - then.tv_sec) + double(now.tv_nsec - then.tv_nsec) / 1e9;
-	return d < 0 ? 0 : d;
+	// In doubles: a store's time stamps may hold any value, and a difference
+	// of two int64 values can overflow.
+	double d = (double(now.tv_sec) - double(then.tv_sec)) +
+		   (double(now.tv_nsec) - double(then.tv_nsec)) / 1e9;
+	return d > 0 ? d : 0;
 }
 
 std::string ip_text(std::uint32_t source_ip_net)
@@ -95,7 +98,8 @@ std::string age_text(const shm_timestamp &then, const shm_timestamp &now)
 {
 	if (ts_is_zero(then))
 		return "never";
-	auto s = std::uint64_t(seconds_since(then, now));
+	// Ages beyond a million days are shown as that (and the cast stays defined).
+	auto s = std::uint64_t(std::min(seconds_since(then, now), 86400e6));
 	if (s < 60)
 		return printf_string("%" PRIu64 "s", s);
 	if (s < 3600)
