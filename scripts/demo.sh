@@ -14,6 +14,7 @@
 # build/ at the top of the tree).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/netns-pair.sh"
 build=${BUILD_DIR:-$top/build}
 bin=$build/bin
 
@@ -48,8 +49,7 @@ cleanup() {
 		kill "$daemon_pid" 2>/dev/null || true
 		wait "$daemon_pid" 2>/dev/null || true
 	fi
-	ip netns del "$ns_i" 2>/dev/null || true
-	ip netns del "$ns_r" 2>/dev/null || true
+	netns_pair_down "$ns_r" "$ns_i"
 	rm -f "/dev/shm/$shm_name"
 	if [ -e "$work/pid_file.saved" ]; then
 		cp -p "$work/pid_file.saved" "$pid_file"
@@ -76,15 +76,7 @@ ctl() {
 }
 
 step "namespaces $ns_r ($addr_r/24 on vr0) and $ns_i ($addr_i/24 on vi0)"
-ip netns add "$ns_r"
-ip netns add "$ns_i"
-ip -n "$ns_r" link set lo up
-ip -n "$ns_i" link set lo up
-ip -n "$ns_r" link add vr0 type veth peer name vi0 netns "$ns_i"
-ip -n "$ns_r" addr add "$addr_r/24" dev vr0
-ip -n "$ns_i" addr add "$addr_i/24" dev vi0
-ip -n "$ns_r" link set vr0 up
-ip -n "$ns_i" link set vi0 up
+netns_pair_up "$ns_r" "$addr_r" "$ns_i" "$addr_i"
 
 step "starting the reflector: discriminator $disc, source $addr_r, minRx $min_rx us"
 BREVLOG_DIR=$work NSPATH=/$ns_r \

@@ -15,6 +15,7 @@
 # Run as root; BUILD_DIR chooses the build (default build/).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
+. "$top/scripts/netns-pair.sh"
 build=${BUILD_DIR:-$top/build}
 bin=$build/bin
 seconds=${1:-600}
@@ -44,8 +45,7 @@ cleanup() {
 	for p in "${helpers[@]}"; do kill "$p" 2>/dev/null || true; done
 	if [ -n "$daemon_pid" ]; then kill "$daemon_pid" 2>/dev/null || true; fi
 	wait 2>/dev/null || true
-	ip netns del "$ns_i" 2>/dev/null || true
-	ip netns del "$ns_r" 2>/dev/null || true
+	netns_pair_down "$ns_r" "$ns_i"
 	rm -f "$shm"
 	if [ -e "$work/pid_file.saved" ]; then cp -p "$work/pid_file.saved" "$pid_file"; else rm -f "$pid_file"; fi
 	rm -rf "$work"
@@ -53,15 +53,7 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-ip netns add "$ns_r"
-ip netns add "$ns_i"
-ip -n "$ns_r" link set lo up
-ip -n "$ns_i" link set lo up
-ip -n "$ns_r" link add vr0 type veth peer name vi0 netns "$ns_i"
-ip -n "$ns_r" addr add "$addr_r/24" dev vr0
-ip -n "$ns_i" addr add "$addr_i/24" dev vi0
-ip -n "$ns_r" link set vr0 up
-ip -n "$ns_i" link set vi0 up
+netns_pair_up "$ns_r" "$addr_r" "$ns_i" "$addr_i"
 
 start_daemon() {
 	BREVLOG_DIR=$work NSPATH=/orvsoak-$$ ip netns exec "$ns_r" \
