@@ -140,16 +140,23 @@ shm_u64() { od -An -t u8 -j "$1" -N 8 "$shm" | tr -d ' '; }
 sweep_rates="20000 40000 60000 80000 100000 120000 140000 160000 180000"
 [ $quick = 1 ] && sweep_rates="20000 60000 100000 140000"
 
+# sweep KIND: one trial per rate of $sweep_rates against the running
+# reflector; rate, offered, p50, p90, p99 and loss into sweep_KIND.dat.
+sweep() {
+	local kind=$1 r line
+	: >"$out/sweep_$kind.dat"
+	for r in $sweep_rates; do
+		line=$(trial "$r")
+		echo "$kind sweep $line" >>"$out/trials.txt"
+		echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_$kind.dat"
+	done
+}
+
 echo "== baseline: search and sweep"
 start_reflector baseline
 trial 5000 1 >/dev/null
 base_max=$(search baseline)
-: >"$out/sweep_baseline.dat"
-for r in $sweep_rates; do
-	line=$(trial "$r")
-	echo "baseline sweep $line" >>"$out/trials.txt"
-	echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_baseline.dat"
-done
+sweep baseline
 stop_reflector
 
 echo "== daemon: search and sweep"
@@ -163,12 +170,7 @@ rss_start=$(rss_kib "$reflector_pid")
 anon_start=$(anon_kib "$reflector_pid")
 sends_start=$(shm_u64 8)
 daemon_max=$(search daemon)
-: >"$out/sweep_daemon.dat"
-for r in $sweep_rates; do
-	line=$(trial "$r")
-	echo "daemon sweep $line" >>"$out/trials.txt"
-	echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_daemon.dat"
-done
+sweep daemon
 rss_end=$(rss_kib "$reflector_pid")
 anon_end=$(anon_kib "$reflector_pid")
 sends_end=$(shm_u64 8)
