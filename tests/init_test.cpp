@@ -1,46 +1,11 @@
-// init_test.cpp -- the context's I/O set-up: netnsSocketAt, here and in a
-// namespace of the test's own, the shared store's name, and vrf_init's
-// failure after the store is set up. The sockets init_socket opens, their
-// filters and events are proven end to end (reflect_test, startup_test).
-#include <arpa/inet.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
+// init_test.cpp -- start-up: the shared store's name, netnsSocketAt here and
+// in a namespace, vrf_init's failure after the store is set up, and the
+// daemon as a process (its command line, help text, presence rule and exit
+// statuses, and an address it does not own). The sockets init_socket opens,
+// their filters and events are proven end to end (reflect_test).
 #include <sys/stat.h>
 
-#include <cstring>
-
-#include <gtest/gtest.h>
-
-#include "netns.h"
-#include "reflector.h"
-#include "testutil.h"
-#include "unique_fd.h"
-
-namespace {
-
-// The daemon's configuration is global: each test starts from zero and
-// leaves zero behind.
-struct config_reset {
-	config_reset() { reflector_cfg = {}; }
-	~config_reset() { reflector_cfg = {}; }
-};
-
-int int_option(int fd, int level, int name)
-{
-	int v = -1;
-	socklen_t len = sizeof v;
-	return getsockopt(fd, level, name, &v, &len) == 0 ? v : -1;
-}
-
-// True when `fd` was made in a namespace with the interface orvdum0.
-bool sees_orvdum0(int fd)
-{
-	ifreq ifr{};
-	std::strncpy(ifr.ifr_name, "orvdum0", IFNAMSIZ - 1);
-	return ioctl(fd, SIOCGIFINDEX, &ifr) == 0;
-}
-
-}  // namespace
+#include "e2e/e2eutil.h"
 
 TEST(ShmStoreName, PrefixesAndFlattensTheNamespacePathUpTo241Characters)
 {
@@ -69,8 +34,7 @@ TEST(ShmStoreName, PrefixesAndFlattensTheNamespacePathUpTo241Characters)
 
 TEST(NetnsSocketAt, DefaultIsHereAndBadNamesFailWithTheirErrno)
 {
-	unique_fd here{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, "default")};
-	EXPECT_EQ(int_option(here.get(), SOL_SOCKET, SO_TYPE), SOCK_DGRAM);
+	EXPECT_GE(unique_fd(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, "default")).get(), 0);
 	const std::string missing = testutil::unique_name("orvtest-missing");
 	const struct {
 		const char *name;
@@ -88,58 +52,116 @@ TEST(NetnsSocketAt, DefaultIsHereAndBadNamesFailWithTheirErrno)
 // also shows that the teardown frees what it made.
 TEST(VrfInit, UnbindableSourceFailsAfterTheStoreIsSetUpAndPersistKeepsIt)
 {
-	config_reset cfg;
 	const std::string nspath = "/" + testutil::unique_name("orvtest");
-	setenv("NSPATH", nspath.c_str(), 1);
 	char name[SHM_NAME_LEN];
 	shm_store_name(name, nspath.c_str());
-	testutil::shm_object store(name);
+	setenv("NSPATH", nspath.c_str(), 1);
+	testutil::undo cleanup{[&] {
+		shm_unlink(name);
+		unsetenv("NSPATH");
+		reflector_cfg = {};
+	}};
+	reflector_cfg = {};
 	reflector_cfg.sourceIp = inet_addr("198.51.100.77");
 	EXPECT_EQ(vrf_init(), nullptr);
 	// A counter left by a previous run survives only with persist.
 	for (std::uint8_t persist : {0, 1}) {
-		int fd = shm_open(name, O_RDWR, 0);
-		ASSERT_GE(fd, 0);
-		auto *shm = static_cast<reflector_shm *>(mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-		close(fd);
-		ASSERT_NE(shm, MAP_FAILED);
+		e2e::store_view shm("/dev/shm/" + std::string(name), /*create=*/true);
+		ASSERT_TRUE(shm.ok());
 		shm->rx_drops = 12345;
 		reflector_cfg.persist = persist;
 		EXPECT_EQ(vrf_init(), nullptr);
 		EXPECT_EQ(shm->rx_drops, persist ? 12345u : 0u) << "persist " << int{persist};
-		munmap(shm, SHM_SIZE);
 	}
-	unsetenv("NSPATH");
 }
 
-class InitInNamespace : public ::testing::Test {
-protected:
-	void SetUp() override
-	{
-		if (const char *why = testutil::missing_net_admin())
-			GTEST_SKIP() << why;
-		ns_.emplace(testutil::unique_name("orvtest"), "192.0.2.1/24");
-		ASSERT_TRUE(ns_->ok());
-	}
-	std::optional<testutil::netns> ns_;
-};
+using InitInNamespace = e2e::E2eTest;
 
 TEST_F(InitInNamespace, NetnsSocketAtMakesTheSocketThereAndReturnsHome)
 {
 	struct stat before {}, after {};
 	stat("/proc/self/ns/net", &before);
-	unique_fd inside{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns_->name().c_str())};
+	unique_fd inside{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, b->ns_d().c_str())};
 	ASSERT_GE(inside.get(), 0) << std::strerror(errno);
 	stat("/proc/self/ns/net", &after);
 	EXPECT_EQ(after.st_ino, before.st_ino);
-	unique_fd outside{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, "default")};
-	EXPECT_TRUE(sees_orvdum0(inside.get()));
-	EXPECT_FALSE(sees_orvdum0(outside.get()));
+	unique_fd here{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, "default")};
 	sockaddr_in a{};
 	a.sin_family = AF_INET;
-	a.sin_addr.s_addr = inet_addr("192.0.2.1");
+	a.sin_addr.s_addr = htonl(e2e::DAEMON_IP_H);  // an address of the daemon's namespace only
 	EXPECT_EQ(bind(inside.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << std::strerror(errno);
+	EXPECT_NE(bind(here.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
 	errno = 0;
-	EXPECT_EQ(netnsSocketAt(AF_MAX + 1, SOCK_DGRAM, 0, ns_->name().c_str()), -1);
+	EXPECT_EQ(netnsSocketAt(AF_MAX + 1, SOCK_DGRAM, 0, b->ns_d().c_str()), -1);
 	EXPECT_EQ(errno, EAFNOSUPPORT);
+}
+
+namespace {
+
+const std::string HELP = "SBFD Reflector [-h] [-D] [-A] -d DISCRIMINATOR -p SOURCEIP -r MINRX \n"
+			 "Where OPTIONS are:\n"
+			 " -h | --help\n"
+			 " -d | --discriminator SBFD local discriminator\n"
+			 " -p | --sourceIp SBFD source IPv4 address\n"
+			 " -r | --minRx SBFD minimum Rx interval \n"
+			 " -A | --adminDown\n"
+			 " -D | --daemonize\n"
+			 " -S | --persist SBFD statistics\n";
+const std::string UNRECOGNIZED = "Unrecognized command line option ( 63 ).\n\n" + HELP;
+const std::string MISSING = "Error: All paramaters have to be set.\n\n" + HELP;
+
+}  // namespace
+
+// Every command line here ends while parsing, with status 0 and exactly
+// this text on standard output. Cases reaching the presence message are
+// otherwise complete, so the flags before it were accepted.
+TEST(StartupCommandLine, HelpUnrecognizedOptionsAndMissingValuesPrintTheirTextAndExitZero)
+{
+	const struct {
+		std::vector<std::string> args;
+		const std::string &out;
+	} cases[] = {
+		{{"-h"}, HELP},
+		{{"--he"}, HELP},
+		{{"-d", "abc", "-h"}, HELP},  // stops before the presence rule
+		{{"-x"}, UNRECOGNIZED},
+		{{"--d", "1"}, UNRECOGNIZED},  // discriminator or daemonize: ambiguous
+		{{"-d"}, UNRECOGNIZED},        // missing argument
+		{{"--help=1"}, UNRECOGNIZED},
+		{{}, MISSING},
+		{{"-d", "0", "-p", "192.0.2.1", "-r", "1"}, MISSING},
+		{{"-d", "4294967296", "-p", "192.0.2.1", "-r", "1"}, MISSING},  // truncates to 0
+		{{"-d", "1", "-p", "0.0.0.0", "-r", "1"}, MISSING},
+		{{"-d", "1", "-p", "192.0.2.1", "-r", "0"}, MISSING},
+		{{"--discriminator", "1", "--sourceIp", "192.0.2.1"}, MISSING},
+		{{"--persist", "-A", "-D", "-d", "0", "-p", "192.0.2.1", "-r", "1"}, MISSING},
+		{{"-S", "--adminDown", "--daemonize", "-r", "1"}, MISSING},
+		{{"-d", "1", "-d", "0", "-p", "192.0.2.1", "-r", "1"}, MISSING},  // the last one wins
+	};
+	for (const auto &c : cases) {
+		std::vector<std::string> argv{testutil::bin("orvalindwarden")};
+		argv.insert(argv.end(), c.args.begin(), c.args.end());
+		testutil::child_process p(argv);
+		std::string joined;
+		for (const auto &a : c.args)
+			joined += a + " ";
+		EXPECT_EQ(p.exit_status(), 0) << joined;
+		EXPECT_EQ(p.out(), c.out) << joined;
+		if (&c.out == &UNRECOGNIZED)
+			EXPECT_NE(p.err(), "") << "getopt_long's own diagnostic goes to standard error";
+	}
+}
+
+using DaemonInNamespace = e2e::E2eTest;
+
+TEST_F(DaemonInNamespace, UnownedSourceAddressExitsWith255)
+{
+	EXPECT_FALSE(b->spawn({"-d", "7", "-p", "198.51.100.77", "-r", "1000"}));
+	EXPECT_EQ(b->daemon().exit_status(), 255);
+	EXPECT_EQ(b->daemon().out(), "");
+	const std::string t = b->trace();
+	for (const char *msg : {"ERROR: bind() result -1, errno 99", "ERROR: reflector initialization failed",
+				"ERROR: VRF init failed"})
+		EXPECT_NE(t.find(msg), std::string::npos) << msg << "\n" << t;
+	EXPECT_EQ(t.find("INIT: orvalindwarden ready"), std::string::npos) << t;
 }

@@ -1,8 +1,12 @@
 // rx_test.cpp -- frame reception as an operator sees it: which frames are
 // answered and which reason counter and trace message each rejected one
 // leaves, what requests write into their session, the reply's fields, send
-// failures with their bounded retry, and the thinning of the report.
+// failures with their bounded retry, the thinning of the report, and the
+// control channel's walk of a netlink datagram.
+#include <linux/netlink.h>
+
 #include <thread>
+#include <tuple>
 
 #include "rxutil.h"
 
@@ -13,29 +17,27 @@ namespace {
 struct reject_case {
 	const char *name;
 	void (*edit)(request &);
-	void (*opts)(frame_opts &);
-	std::size_t keep;                        // bytes of the frame kept; 0: all
+	void (*shape)(frame_spec &);
+	std::size_t keep;                       // bytes of the frame kept; 0: all
 	std::uint32_t reflector_shm::*counter;  // the reason counted; null: the frame is valid
-	const char *message;                     // level-1 text it must leave (prefix), or null
-	bool report;                             // a GLOBAL STATS report follows (total 1)
+	const char *message;                    // level-1 text it must leave (prefix), or null
+	bool report;                            // a GLOBAL STATS report follows (total 1)
+	std::uint16_t eth_type = 0;             // EtherType written over the built one; 0: kept
 };
 
-void label0(frame_opts &o)
-{
-	o.eth_type = 0x8847;
-	o.labels = {0x000001FF};
-}
+void label0(frame_spec &s) { s.labels = {0}; }
 
 const reject_case REJECT_CASES[] = {
 	{"valid Down request", nullptr, nullptr, 0, nullptr, nullptr, true},
 	{"valid Up request", [](request &r) { r.state = BFD_STATE_UP; }, nullptr, 0, nullptr, nullptr, true},
 	{"Length 0 passes", [](request &r) { r.length = 0; }, nullptr, 0, nullptr, nullptr, true},
 	{"MPLS label 0, bottom of stack", nullptr, label0, 0, nullptr, nullptr, true},
-	{"IPv4 options (IHL 6)", nullptr, [](frame_opts &o) { o.ihl = 6; }, 0, nullptr, nullptr, true},
-	{"IPv4 options (IHL 15) under label 0", nullptr, [](frame_opts &o) { label0(o); o.ihl = 15; }, 0, nullptr, nullptr, true},
+	{"IPv4 options (IHL 6)", nullptr, [](frame_spec &s) { s.ip_options.assign(4, 1); }, 0, nullptr, nullptr, true},
+	{"IPv4 options (IHL 15) under label 0", nullptr, [](frame_spec &s) { label0(s); s.ip_options.assign(40, 1); }, 0,
+	 nullptr, nullptr, true},
 	{"23-byte control packet", nullptr, nullptr, 65, &reflector_shm::pkt_truncated,
 	 "ERROR: Pkt truncated. Recvd len 23, source_ip 127.0.0.1", true},
-	{"frame ending inside the IPv4 options", nullptr, [](frame_opts &o) { o.ihl = 15; }, 40,
+	{"frame ending inside the IPv4 options", nullptr, [](frame_spec &s) { s.ip_options.assign(40, 1); }, 40,
 	 &reflector_shm::pkt_truncated, "ERROR: Pkt truncated. Recvd len -42, source_ip 127.0.0.1", true},
 	{"version 0", [](request &r) { r.version = 0; }, nullptr, 0, &reflector_shm::bad_version,
 	 "ERROR: Bad version 0. Recvd my_disc 287454020, source_ip 127.0.0.1", true},
@@ -43,7 +45,7 @@ const reject_case REJECT_CASES[] = {
 	 &reflector_shm::bad_version, "ERROR: Bad version 0.", true},
 	{"Length 25 with 24 bytes", [](request &r) { r.length = 25; }, nullptr, 0, &reflector_shm::invalid_pkt_len,
 	 "ERROR: Invalid bfd ctrl pkt length 25. Rcvd len 24, source_ip 127.0.0.1", true},
-	{"source port 7784", nullptr, [](frame_opts &o) { o.src_port = SBFD_PORT; }, 0, &reflector_shm::invalid_src_port,
+	{"source port 7784", nullptr, [](frame_spec &s) { s.src_port = SBFD_PORT; }, 0, &reflector_shm::invalid_src_port,
 	 "ERROR: Invalid source port ", true},
 	{"D bit clear", [](request &r) { r.flags = BFD_FLAG_P; }, nullptr, 0, &reflector_shm::demand_mode_unset,
 	 "ERROR: Demand mode bit is not set. Recvd my_disc 287454020, source_ip 127.0.0.1", true},
@@ -51,23 +53,24 @@ const reject_case REJECT_CASES[] = {
 	 "ERROR: Detect Mult is not set. Recvd my_disc 287454020", true},
 	{"My Discriminator 0", [](request &r) { r.my_disc = 0; }, nullptr, 0, &reflector_shm::invalid_my_disc,
 	 "ERROR: My discriminator is not set. source_ip 127.0.0.1", true},
-	{"state AdminDown", [](request &r) { r.state = BFD_STATE_ADMIN_DOWN; }, nullptr, 0, &reflector_shm::invalid_bfd_state,
-	 "ERROR: Initiator BFD state 0 is invalid. Recvd my_disc 287454020", true},
+	{"state AdminDown", [](request &r) { r.state = BFD_STATE_ADMIN_DOWN; }, nullptr, 0,
+	 &reflector_shm::invalid_bfd_state, "ERROR: Initiator BFD state 0 is invalid. Recvd my_disc 287454020", true},
 	{"state Init with a foreign Your Discriminator counts the state",
 	 [](request &r) { r.state = BFD_STATE_INIT; r.your_disc = 1; }, nullptr, 0, &reflector_shm::invalid_bfd_state,
 	 "ERROR: Initiator BFD state 2 is invalid.", true},
 	{"foreign Your Discriminator", [](request &r) { r.your_disc = 1; }, nullptr, 0, &reflector_shm::your_disc_unmatch,
-	 "ERROR: Recvd discriminator 1 is not destined to this reflector. Recvd my_disc 287454020, source_ip 127.0.0.1", true},
-	{"MPLS label 16", nullptr, [](frame_opts &o) { label0(o); o.labels = {(16u << 12) | 0x1FF}; }, 0,
-	 &reflector_shm::unsupported, "ERROR: top label 16 is not supported", false},
-	{"two MPLS labels", nullptr, [](frame_opts &o) { label0(o); o.labels = {0xFF, 0x1FF}; }, 0,
-	 &reflector_shm::unsupported, "ERROR: multiple labels is not supported", false},
-	{"IPv6 EtherType", nullptr, [](frame_opts &o) { o.eth_type = 0x86DD; }, 0, &reflector_shm::unsupported,
-	 "ERROR: EthType 34525 is not supported", false},
+	 "ERROR: Recvd discriminator 1 is not destined to this reflector. Recvd my_disc 287454020, source_ip 127.0.0.1",
+	 true},
+	{"MPLS label 16", nullptr, [](frame_spec &s) { s.labels = {16}; }, 0, &reflector_shm::unsupported,
+	 "ERROR: top label 16 is not supported", false},
+	{"two MPLS labels", nullptr, [](frame_spec &s) { s.labels = {0, 0}; }, 0, &reflector_shm::unsupported,
+	 "ERROR: multiple labels is not supported", false},
+	{"IPv6 EtherType", nullptr, nullptr, 0, &reflector_shm::unsupported, "ERROR: EthType 34525 is not supported",
+	 false, 0x86DD},
 	{"one-byte frame", nullptr, nullptr, 1, &reflector_shm::unsupported, "ERROR: EthType 0 is not supported", false},
-	{"TCP under label 0", nullptr, [](frame_opts &o) { label0(o); o.proto = 6; }, 0, &reflector_shm::invalid_pkt_format,
-	 "ERROR: BFD control packet should be over UDP, got protocol 6", false},
-	{"ICMP", nullptr, [](frame_opts &o) { o.proto = 1; }, 0, &reflector_shm::invalid_pkt_format,
+	{"TCP under label 0", nullptr, [](frame_spec &s) { label0(s); s.ip_proto = 6; }, 0,
+	 &reflector_shm::invalid_pkt_format, "ERROR: BFD control packet should be over UDP, got protocol 6", false},
+	{"ICMP", nullptr, [](frame_spec &s) { s.ip_proto = 1; }, 0, &reflector_shm::invalid_pkt_format,
 	 "ERROR: BFD control packet should be over UDP, got protocol 1", false},
 };
 
@@ -81,14 +84,16 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		harness h;
 		h.setup_table();
 		request r;
-		frame_opts o = h.opts();
+		frame_spec s = h.spec();
 		if (c.edit)
 			c.edit(r);
-		if (c.opts)
-			c.opts(o);
-		bytes f = build_frame(o, r.encode());
+		if (c.shape)
+			c.shape(s);
+		bytes f = probe_frame_build(s, r.encode());
 		if (c.keep)
 			f.resize(c.keep);
+		if (c.eth_type)
+			f[12] = c.eth_type >> 8, f[13] = c.eth_type & 0xFF;
 		tr.take();
 		h.feed(f);
 		for (auto reason : REASONS)
@@ -121,22 +126,13 @@ TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 	r.flags = BFD_FLAG_D | BFD_FLAG_P | BFD_FLAG_F;
 	r.detect_mult = 7;
 	h.feed(h.frame(r));
-	EXPECT_EQ(s.discriminator, 0x11223344u);
-	EXPECT_EQ(s.source_ip, ip("127.0.0.1"));
-	EXPECT_EQ(s.source_port, h.receiver_port);
-	EXPECT_EQ(s.desired_min_tx, 100000u);
-	EXPECT_EQ(s.required_min_rx, 200000u);
-	EXPECT_EQ(s.required_min_echo_rx, 300000u);
-	EXPECT_EQ(s.your_disc, OUR_DISC);
-	EXPECT_EQ(s.detect_multiplier, 7);
-	EXPECT_EQ(s.state, BFD_STATE_DOWN);
-	EXPECT_EQ(s.prev_state, 0);
-	EXPECT_EQ(s.diag, 3);
-	EXPECT_EQ(s.version, 1);
-	EXPECT_EQ(s.demand + s.final + s.poll, 3);
-	EXPECT_EQ(s.length, 24);
-	EXPECT_EQ(s.num_received, 1u);
-	EXPECT_EQ(s.min_period + s.max_period + s.period_sum, 0u);
+	EXPECT_EQ(std::tuple(s.discriminator, s.source_ip, s.source_port, s.your_disc),
+		  std::tuple(0x11223344u, ip("127.0.0.1"), h.receiver_port, OUR_DISC));
+	EXPECT_EQ(std::tuple(s.desired_min_tx, s.required_min_rx, s.required_min_echo_rx), std::tuple(100000u, 200000u, 300000u));
+	EXPECT_EQ(std::vector<int>({s.detect_multiplier, s.state, s.prev_state, s.diag, s.version, s.demand, s.final, s.poll,
+				    s.length}),
+		  std::vector<int>({7, BFD_STATE_DOWN, 0, 3, 1, 1, 1, 1, 24}));
+	EXPECT_EQ(std::tuple(s.num_received, s.min_period, s.max_period, s.period_sum), std::tuple(1u, 0u, 0u, 0u));
 	EXPECT_NE(s.last_rx.tv_sec, 0);
 	EXPECT_EQ(s.last_state_change.tv_nsec, s.last_rx.tv_nsec);
 	const shm_timestamp first_rx = s.last_rx;
@@ -145,9 +141,7 @@ TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 	r.min_tx = 7;
 	r.flags = BFD_FLAG_D;
 	h.feed(h.frame(r));
-	EXPECT_EQ(s.num_received, 2u);
-	EXPECT_EQ(s.desired_min_tx, 7u);
-	EXPECT_EQ(s.poll, 0);
+	EXPECT_EQ(std::tuple(s.num_received, s.desired_min_tx, s.poll), std::tuple(2u, 7u, 0));
 	EXPECT_GE(s.min_period, 30000u);
 	EXPECT_LT(s.min_period, 2000000u);
 	EXPECT_EQ(s.min_period, s.max_period);
@@ -157,10 +151,8 @@ TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 	// Down, Down, then Up: the change is recorded at the third request only.
 	r.state = BFD_STATE_UP;
 	h.feed(h.frame(r));
-	EXPECT_EQ(s.prev_state, BFD_STATE_DOWN);
-	EXPECT_EQ(s.state, BFD_STATE_UP);
-	EXPECT_EQ(s.last_state_change.tv_sec, s.last_rx.tv_sec);
-	EXPECT_EQ(s.last_state_change.tv_nsec, s.last_rx.tv_nsec);
+	EXPECT_EQ(std::tuple(s.prev_state, s.state), std::tuple(BFD_STATE_DOWN, BFD_STATE_UP));
+	EXPECT_EQ(std::tuple(s.last_state_change.tv_sec, s.last_state_change.tv_nsec), std::tuple(s.last_rx.tv_sec, s.last_rx.tv_nsec));
 	const shm_timestamp third = s.last_state_change;
 	h.feed(h.frame(r));
 	EXPECT_EQ(s.last_state_change.tv_nsec, third.tv_nsec);
@@ -195,20 +187,15 @@ TEST(Reply, FieldsAreReflectedFromTheRequest)
 		r.length = c.length;
 		bytes payload = r.encode();
 		payload.resize(c.length, 0x5A);  // the authentication section
-		h.feed(build_frame(h.opts(), payload));
+		h.feed(probe_frame_build(h.spec(), payload));
 		auto p = h.reply();
 		ASSERT_TRUE(p.has_value());
-		EXPECT_EQ(bfd_version(*p), 1);
-		EXPECT_EQ(bfd_diag(*p), c.diag_out);
-		EXPECT_EQ(bfd_state_of(*p), c.state_out);
-		EXPECT_EQ(p->flags & 0x3F, c.flags_out);
-		EXPECT_EQ(p->detect_multiplier, r.detect_mult);
-		EXPECT_EQ(p->length, c.length);
-		EXPECT_EQ(ntohl(p->my_disc), OUR_DISC);
-		EXPECT_EQ(ntohl(p->your_disc), r.my_disc);
-		EXPECT_EQ(ntohl(p->min_tx_interval), r.min_tx);
-		EXPECT_EQ(ntohl(p->min_rx_interval), OUR_MIN_RX);
-		EXPECT_EQ(p->min_echo_rx_interval, 0u);
+		EXPECT_EQ(std::vector<int>({bfd_version(*p), bfd_diag(*p), bfd_state_of(*p), p->flags & 0x3F,
+					    p->detect_multiplier, p->length}),
+			  std::vector<int>({1, c.diag_out, c.state_out, c.flags_out, r.detect_mult, c.length}));
+		EXPECT_EQ(std::vector<std::uint32_t>({ntohl(p->my_disc), ntohl(p->your_disc), ntohl(p->min_tx_interval),
+						      ntohl(p->min_rx_interval), p->min_echo_rx_interval}),
+			  std::vector<std::uint32_t>({OUR_DISC, r.my_disc, r.min_tx, OUR_MIN_RX, 0}));
 		EXPECT_EQ(h.shm()->tx_sends, 1u);
 	}
 }
@@ -290,11 +277,105 @@ TEST(Report, ThinsByTheTotalOfDroppedAndValidPackets)
 			continue;
 		}
 		ASSERT_EQ(lines.size(), 4u + 2u * static_cast<unsigned>(c.sessions));
-		const std::string global = "GLOBAL STATS: rx_drops " + std::to_string(c.drops) + ", rx_valid_pkts " +
-					   std::to_string(c.valid) + ", tx_sends 0, cache_cnt 3, ";
-		EXPECT_EQ(lines[0].rfind(global, 0), 0u) << lines[0];
+		EXPECT_EQ(lines[0].rfind("GLOBAL STATS: rx_drops " + std::to_string(c.drops) + ", rx_valid_pkts " +
+						 std::to_string(c.valid) + ", tx_sends 0, cache_cnt 3, ",
+					 0),
+			  0u)
+			<< lines[0];
 		const std::uint64_t total = c.drops + c.valid;
 		EXPECT_EQ(lines[3], "SESSION STATS (up to " + std::to_string(total > 10 ? 1 : total) + " sessions):");
 		EXPECT_EQ(lines[4].rfind("SESSION STATS-RX: discriminator 3, source_ip 192.0.2.1,", 0), 0u);
 	}
+}
+
+namespace {
+
+// One netlink message: header (nlmsg_len `len`, or the true length when 0),
+// then `payload`.
+bytes nl_msg(std::uint16_t type, std::uint16_t flags, const bytes &payload, std::uint32_t len = 0)
+{
+	nlmsghdr h{static_cast<std::uint32_t>(len ? len : 16 + payload.size()), type, flags, 0, 0};
+	bytes m(reinterpret_cast<const std::uint8_t *>(&h), reinterpret_cast<const std::uint8_t *>(&h) + 16);
+	m.insert(m.end(), payload.begin(), payload.end());
+	return m;
+}
+
+// A setting from 127.0.0.1: 13 payload bytes, padded to 16.
+bytes set_msg(std::uint32_t disc, std::uint32_t min_rx, std::uint8_t admin, std::uint32_t len = 0,
+	      std::uint16_t flags = NLM_F_REQUEST)
+{
+	const reflector_nl_config c{disc, min_rx, INADDR_LOOPBACK, admin};
+	bytes p(16, 0);
+	std::memcpy(p.data(), &c, 13);
+	return nl_msg(REFLECTOR_NL_SET, flags, p, len);
+}
+
+// `m` with its length field set to `len`, cut or zero-padded to `size` bytes.
+bytes sized(bytes m, std::uint32_t len, std::size_t size)
+{
+	std::memcpy(m.data(), &len, 4);
+	m.resize(size);
+	return m;
+}
+
+bytes cat(const bytes &a, const bytes &b)
+{
+	bytes out = a;
+	out.insert(out.end(), b.begin(), b.end());
+	return out;
+}
+
+}  // namespace
+
+TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
+{
+	const std::uint32_t OLD = OUR_DISC;
+	const struct {
+		const char *name;
+		bytes datagram;
+		std::uint32_t disc, min_rx;  // host order, after the datagram
+		std::uint8_t admin;
+		int unknown;                              // unknown-type messages traced
+		std::uint32_t src_host = INADDR_LOOPBACK;  // source address after it
+	} cases[] = {
+		{"one message", set_msg(7, 1000, 2), 7, 1000, 2, 0},
+		{"no request flag", set_msg(7, 1000, 1, 0, 0), OLD, OUR_MIN_RX, 0, 0},
+		{"two messages: the second stands", cat(set_msg(7, 1000, 1), set_msg(8, 2000, 0)), 8, 2000, 0, 0},
+		{"unknown type, then a setting", cat(nl_msg(17, NLM_F_REQUEST, {5, 0, 0, 0}), set_msg(9, 3000, 1)), 9, 3000, 1, 1},
+		{"15 bytes", sized(set_msg(7, 1000, 1), 32, 15), OLD, OUR_MIN_RX, 0, 0},
+		{"first length 8", set_msg(7, 1000, 1, 8), OLD, OUR_MIN_RX, 0, 0},
+		{"first length past the datagram", set_msg(7, 1000, 1, 33), OLD, OUR_MIN_RX, 0, 0},
+		{"length 29 at the end", sized(set_msg(7, 1000, 1), 29, 29), 7, 1000, 1, 0},
+		{"length 29, next at 32", cat(sized(set_msg(7, 1000, 1), 29, 32), set_msg(8, 2000, 0)), 8, 2000, 0, 0},
+		{"rounded length past the end is applied, walk ends", sized(set_msg(7, 1000, 1), 30, 30), 7, 1000, 1, 0},
+		{"malformed second header keeps the first", cat(set_msg(7, 1000, 1), set_msg(8, 2000, 0, 4)), 7, 1000, 1, 0},
+		// A skipped message, then a bare header in the last 16 bytes of a
+		// full buffer: its payload lies beyond the buffer and reads as zero.
+		{"bare header at the end of a full buffer",
+		 cat(nl_msg(99, 0, bytes(RX_BUF_LEN - 32, 0xFF)), nl_msg(REFLECTOR_NL_SET, NLM_F_REQUEST, {})), 0, 0, 0, 0, 0},
+	};
+	auto &tr = trace_reader::get();
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.name);
+		harness h;
+		const int outfd = h.vrf->outfd;
+		tr.take();
+		h.feed(c.datagram, rx_netlink_ready);
+		EXPECT_EQ(std::tuple(ntohl(reflector_cfg.discriminator), reflector_cfg.minRx, reflector_cfg.adminDown),
+			  std::tuple(c.disc, c.min_rx, c.admin));
+		EXPECT_EQ(reflector_cfg.sourceIp, htonl(c.src_host));
+		EXPECT_EQ(h.vrf->outfd, outfd) << "no new address to bind: the same transmit socket stays";
+		if (!tr.on())
+			continue;
+		const auto errors = tr.take_level(TRACE_ERROR);
+		EXPECT_EQ(count_containing(errors, "ERROR-Netlink: Unknown message type 17, data 5"), c.unknown);
+		EXPECT_EQ(errors.size(), static_cast<std::size_t>(c.unknown));
+	}
+	if (!tr.on())
+		return;
+	harness h;
+	tr.take();
+	h.feed(set_msg(7, 1000, 2), rx_netlink_ready);
+	EXPECT_EQ(tr.take_level(TRACE_RX), (std::vector<std::string>{"RX: socket netlink ready with 32 bytes",
+								    "RX-Netlink: set disc 7 min_rx 1000 src_ip 127.0.0.1 adminDown 1"}));
 }

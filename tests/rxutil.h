@@ -1,13 +1,12 @@
 // rxutil.h -- harness of the packet path and the control channel: a context
-// over a shared store of its own, requests and frames built field by field,
-// netlink datagrams, the receive socket pair, a loopback receiver for
-// replies, the scripted sendto of send_seam.cpp, and this process's trace as
-// the reader renders it. Everything is owned RAII-style; loopback only.
+// over a shared store of its own, requests built field by field inside
+// frames of the initiator library's builder, the receive socket pair, a
+// loopback receiver for replies, the scripted sendto of send_seam.cpp, and
+// this process's trace as the reader renders it. Loopback only.
 #pragma once
 
 #include <arpa/inet.h>
 #include <event2/event.h>
-#include <linux/netlink.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -22,6 +21,7 @@
 
 #include "blreader.h"
 #include "reflector.h"
+#include "sbfd_probe.h"
 #include "testutil.h"
 #include "trace.h"
 
@@ -30,9 +30,9 @@ namespace rxt {
 using bytes = std::vector<std::uint8_t>;
 
 // The scripted sendto (only in executables that link send_seam.cpp). Calls
-// on descriptor `fd` first fail with the errno values of `script`, in order
-// (0: let that call through); then return `short_len` when it is not
-// negative, or the full length without sending when `swallow` is set.
+// on descriptor `fd` first fail with the errno values of `script`, in order;
+// then return `short_len` when it is not negative, or the full length
+// without sending when `swallow` is set.
 namespace seam {
 extern int fd;
 extern std::vector<int> script;
@@ -57,12 +57,11 @@ inline std::uint32_t ip(const char *dotted) { return inet_addr(dotted); }  // ne
 // The eleven receive reason counters, in store order.
 constexpr std::uint32_t reflector_shm::*REASONS[] = {
 	&reflector_shm::pkt_truncated, &reflector_shm::bad_version, &reflector_shm::invalid_pkt_len,
-	&reflector_shm::invalid_src_port, &reflector_shm::demand_mode_unset,
-	&reflector_shm::invalid_detect_mult, &reflector_shm::invalid_my_disc,
-	&reflector_shm::your_disc_unmatch, &reflector_shm::invalid_bfd_state, &reflector_shm::unsupported,
-	&reflector_shm::invalid_pkt_format};
+	&reflector_shm::invalid_src_port, &reflector_shm::demand_mode_unset, &reflector_shm::invalid_detect_mult,
+	&reflector_shm::invalid_my_disc, &reflector_shm::your_disc_unmatch, &reflector_shm::invalid_bfd_state,
+	&reflector_shm::unsupported, &reflector_shm::invalid_pkt_format};
 
-// The BFD request as its fields; encode() gives the 24 wire bytes.
+// A BFD request as its fields, any of them breakable; encode() gives the wire bytes.
 struct request {
 	std::uint8_t version = 1, diag = 0, state = BFD_STATE_DOWN;
 	std::uint8_t flags = BFD_FLAG_D;  // P, F, C, A, D, M bits
@@ -81,43 +80,11 @@ struct request {
 	}
 };
 
-// Everything below the control packet.
-struct frame_opts {
-	std::uint16_t eth_type = 0x0800;
-	std::vector<std::uint32_t> labels;  // MPLS label stack entries as written
-	std::uint8_t ihl = 5;               // below 5 keeps only the first 4 x IHL header bytes
-	std::uint8_t proto = 17;
-	std::uint32_t src_ip = inet_addr("127.0.0.1");  // network order
-	std::uint16_t src_port = 49152;                 // host order
-};
-
-inline bytes build_frame(const frame_opts &o, const bytes &payload)
-{
-	bytes f(12, 0xEE);  // addresses: not read
-	auto put16 = [&](std::uint16_t v) { f.insert(f.end(), {std::uint8_t(v >> 8), std::uint8_t(v)}); };
-	put16(o.eth_type);
-	for (std::uint32_t lse : o.labels) {
-		put16(static_cast<std::uint16_t>(lse >> 16));
-		put16(static_cast<std::uint16_t>(lse));
-	}
-	std::uint8_t iph[60] = {static_cast<std::uint8_t>(0x40 | (o.ihl & 0x0F))};
-	iph[8] = 64;
-	iph[9] = o.proto;
-	std::memcpy(&iph[12], &o.src_ip, 4);
-	f.insert(f.end(), iph, iph + 4 * std::size_t{o.ihl & 0x0Fu});
-	put16(o.src_port);
-	put16(SBFD_PORT);
-	put16(0);
-	put16(0);
-	f.insert(f.end(), payload.begin(), payload.end());
-	return f;
-}
-
 // A context over a store of its own (an anonymous shared mapping, so a
 // death test's child writes show here) with the session table set up
 // (setup_table, split off so a test may fill the store first), the receive
 // socket pair, a transmit socket and a loopback receiver whose address is
-// that of every frame built by frame().
+// the source of every frame of spec().
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
 		mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -157,13 +124,15 @@ struct harness {
 
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
 	reflector_shm *shm() const { return store; }
-	frame_opts opts() const
+	// An IPv4/UDP frame from the receiver's address and port to 7784.
+	frame_spec spec() const
 	{
-		frame_opts o;
-		o.src_port = receiver_port;
-		return o;
+		frame_spec s;
+		s.src_ip = INADDR_LOOPBACK;
+		s.src_port = receiver_port;
+		return s;
 	}
-	bytes frame(const request &r) const { return build_frame(opts(), r.encode()); }
+	bytes frame(const request &r) const { return probe_frame_build(spec(), r.encode()); }
 
 	// Hands one datagram to a receive callback through the socket pair.
 	void feed(const bytes &b, void (*cb)(int, short, void *) = rx_data_ready)
@@ -171,18 +140,16 @@ struct harness {
 		ASSERT_EQ(send(pair[1], b.data(), b.size(), 0), static_cast<ssize_t>(b.size()));
 		cb(pair[0], EV_READ, vrf.get());
 	}
-	void feed_netlink(const bytes &b) { feed(b, rx_netlink_ready); }
 
 	// The next reply that reached the receiver, if any.
 	std::optional<bfd_ctrl_pkt> reply()
 	{
-		bfd_ctrl_pkt p{};
 		std::uint8_t b[100];
-		ssize_t n = recv(receiver, b, sizeof b, MSG_DONTWAIT);
-		if (n < 0)
+		const ssize_t n = recv(receiver, b, sizeof b, MSG_DONTWAIT);
+		bfd_ctrl_pkt p{};
+		if (n < 0 || !probe_decode({b, static_cast<std::size_t>(n)}, &p))
 			return std::nullopt;
 		EXPECT_EQ(n, 24);
-		std::memcpy(&p, b, sizeof p);
 		return p;
 	}
 
@@ -207,7 +174,7 @@ private:
 	// A UDP socket bound to 127.0.0.1 on an ephemeral port.
 	static int udp_bound(std::uint16_t *port)
 	{
-		int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+		const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 		sockaddr_in a{};
 		a.sin_family = AF_INET;
 		a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -277,30 +244,6 @@ inline int count_containing(const std::vector<std::string> &v, const std::string
 	for (const auto &s : v)
 		n += s.find(needle) != std::string::npos;
 	return n;
-}
-
-// One netlink message: header (nlmsg_len `len_field`, or the true length
-// when 0), then `payload`.
-inline bytes nl_msg(std::uint16_t type, std::uint16_t flags, const bytes &payload, std::uint32_t len_field = 0)
-{
-	nlmsghdr h{};
-	h.nlmsg_len = len_field ? len_field : static_cast<std::uint32_t>(16 + payload.size());
-	h.nlmsg_type = type;
-	h.nlmsg_flags = flags;
-	bytes m(reinterpret_cast<const std::uint8_t *>(&h), reinterpret_cast<const std::uint8_t *>(&h) + 16);
-	m.insert(m.end(), payload.begin(), payload.end());
-	return m;
-}
-
-// A configuration payload: 13 bytes, padded to 16.
-inline bytes nl_config(std::uint32_t disc, std::uint32_t min_rx, std::uint32_t src_ip_host, std::uint8_t admin)
-{
-	bytes p(16, 0);
-	std::memcpy(&p[0], &disc, 4);
-	std::memcpy(&p[4], &min_rx, 4);
-	std::memcpy(&p[8], &src_ip_host, 4);
-	p[12] = admin;
-	return p;
 }
 
 }  // namespace rxt

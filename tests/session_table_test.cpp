@@ -1,6 +1,8 @@
 // session_table_test.cpp -- the session table: hash, slot allocation,
 // recency order and eviction, the hash counters' counting period, the
 // start-up restore of a kept store, and the consistency assertions.
+#include <tuple>
+
 #include "rxutil.h"
 
 using namespace rxt;
@@ -62,10 +64,8 @@ TEST(SessionTable, NewSessionsTakeTheHighestFreeSlotAndHitsMoveToTheFront)
 	EXPECT_EQ(lookup(h, 8, "192.0.2.1"), &h.vrf->rx_sess[509]);  // already at the front
 	EXPECT_EQ(lookup(h, 7, "192.0.2.1"), a);
 	EXPECT_EQ(h.cache_order(), (std::vector<std::uint32_t>{511, 509, 510}));
-	EXPECT_EQ(h.shm()->rx_hash_hit, 3u);
-	EXPECT_EQ(h.shm()->rx_hash_miss, 3u);
-	EXPECT_EQ(h.vrf->session_count, 3u);
-	EXPECT_EQ(h.free_count(), 509u);
+	EXPECT_EQ(std::tuple(h.shm()->rx_hash_hit, h.shm()->rx_hash_miss, h.vrf->session_count, h.free_count()),
+		  std::tuple(3u, 3u, 3u, 509u));
 	EXPECT_EQ(a->free_link.next, UNLINKED_NEXT);
 }
 
@@ -81,11 +81,8 @@ TEST(SessionTable, FullTableEvictsTheLeastRecentlyUsedSession)
 	const std::uint32_t trim = h.shm()->rx_hash_trim;
 	session_node *n = lookup(h, 1000, "198.51.100.1");
 	EXPECT_EQ(n, victim);
-	EXPECT_EQ(h.shm()->rx_hash_trim, trim + 1);
-	EXPECT_EQ(h.vrf->session_count, 512u);
-	EXPECT_EQ(h.vrf->sess_cache_count, 512u);
-	EXPECT_EQ(n->shm_session->discriminator, 1000u);
-	EXPECT_EQ(n->shm_session->num_received, 0u);
+	EXPECT_EQ(std::tuple(h.shm()->rx_hash_trim, h.vrf->session_count, h.vrf->sess_cache_count), std::tuple(trim + 1, 512u, 512u));
+	EXPECT_EQ(std::tuple(n->shm_session->discriminator, n->shm_session->num_received), std::tuple(1000u, 0u));
 	EXPECT_EQ(h.cache_order().front(), 510u);
 	// The evicted initiator comes back as a miss, evicting the next oldest (disc 3, slot 509).
 	EXPECT_EQ(h.slot_of(lookup(h, 2, "192.0.2.1")), 509u);
@@ -115,9 +112,8 @@ TEST(SessionTable, CountingPeriodRestartsWhenValidPacketsReachAMultipleOf512)
 		h.shm()->rx_hash_trim = 2;
 		h.shm()->rx_valid_pkts = c.valid;
 		get_session(h.vrf.get(), c.hit ? 1 : 5000, ip(c.hit ? "192.0.2.1" : "198.51.100.7"));
-		EXPECT_EQ(h.shm()->rx_hash_miss, c.miss);
-		EXPECT_EQ(h.shm()->rx_hash_hit, c.hits);
-		EXPECT_EQ(h.shm()->rx_hash_trim, c.trim);
+		EXPECT_EQ(std::tuple(h.shm()->rx_hash_miss, h.shm()->rx_hash_hit, h.shm()->rx_hash_trim),
+			  std::tuple(c.miss, c.hits, c.trim));
 	}
 }
 
@@ -148,8 +144,8 @@ TEST(SessionTable, KeptStoreIsRestoredNewestFirstAndEvictsItsOldestFirst)
 		h.shm()->rx_hash_hit = 42;
 		h.setup_table();
 		EXPECT_EQ(h.cache_order(), c.order);
-		EXPECT_EQ(h.vrf->session_count, c.slots.size());
-		EXPECT_EQ(h.free_count(), 512 - c.slots.size());
+		EXPECT_EQ(h.vrf->session_count + 0ul, c.slots.size());
+		EXPECT_EQ(h.free_count() + 0ul, 512 - c.slots.size());
 		EXPECT_EQ(h.shm()->rx_hash_hit, 42u);  // counters are not touched
 		if (c.slots.empty())
 			continue;

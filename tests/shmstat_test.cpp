@@ -2,27 +2,22 @@
 // naming, size and plausibility rules, session order, and that the text,
 // JSON and textfile renderings carry what the store holds.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cctype>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <memory>
 #include <set>
-#include <sstream>
-#include <string>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "shmstat.h"
+#include "testutil.h"
+#include "unique_fd.h"
 
 namespace {
-
-std::uint32_t addr(const char *dotted) { return inet_addr(dotted); }
 
 // A store with three sessions as the daemon would leave them, in the slots
 // it hands out first (511, 510, 509).
@@ -33,15 +28,14 @@ std::unique_ptr<shmstat_snapshot> sample_snapshot()
 	snap->stable = true;
 	snap->taken = {1700000100, 0};
 	reflector_shm &st = snap->store;
-	st.rx_valid_pkts = 600;  // period of 600 % 512 + 1 = 89 lookups
+	st.rx_valid_pkts = st.tx_sends = 600;  // period of 600 % 512 + 1 = 89 lookups
 	st.rx_drops = 7;
-	st.tx_sends = 600;
 	st.bad_version = 3;
 	st.sendto_fail = 1;
 	st.rx_hash_hit = 80;
 	st.rx_hash_miss = 9;
 	st.rx_hash_trim = 2;
-	struct {
+	const struct {
 		std::uint32_t slot, disc;
 		const char *ip;
 		std::int64_t last_rx;
@@ -50,61 +44,46 @@ std::unique_ptr<shmstat_snapshot> sample_snapshot()
 	for (const auto &r : rows) {
 		reflector_session &s = st.sessions[r.slot];
 		s.discriminator = r.disc;
-		s.source_ip = addr(r.ip);
+		s.source_ip = inet_addr(r.ip);
 		s.source_port = 49152;
-		s.state = BFD_STATE_UP;
-		s.version = 1;
-		s.demand = 1;
-		s.tx_state = BFD_STATE_UP;
-		s.num_received = 11;
-		s.num_sent = 11;
+		s.state = s.tx_state = BFD_STATE_UP;
+		s.version = s.demand = 1;
+		s.num_received = s.num_sent = 11;
 		s.period_sum = 10000005;
 		s.min_period = 990000;
 		s.max_period = 1010000;
-		s.last_rx = {r.last_rx, 5};
-		s.last_state_change = {r.last_rx - 100, 0};
-		s.last_tx = s.last_rx;
-		s.last_tx_state_change = s.last_state_change;
+		s.last_rx = s.last_tx = {r.last_rx, 5};
+		s.last_state_change = s.last_tx_state_change = {r.last_rx - 100, 0};
 	}
 	return snap;
 }
 
-// Shared-memory object of a test, removed when the test ends.
-struct test_object {
-	std::string name = "orvstat-test-" + std::to_string(getpid());
-	~test_object() { shm_unlink(name.c_str()); }
-	bool write(const void *data, std::size_t len) const
-	{
-		int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-		if (fd < 0)
-			return false;
-		bool ok = ::write(fd, data, len) == ssize_t(len);
-		close(fd);
-		return ok;
-	}
-};
-
 TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
 {
-	test_object obj;
+	const std::string name = testutil::unique_name("orvstat-test");
+	const testutil::undo unlink{[&] { shm_unlink(name.c_str()); }};
+	auto write = [&](const void *data, std::size_t len) {
+		unique_fd fd{shm_open(name.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600)};
+		return fd.get() >= 0 && ::write(fd.get(), data, len) == static_cast<ssize_t>(len);
+	};
 	auto snap = std::make_unique<shmstat_snapshot>();
 	std::string err;
-	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_FOUND);
-	EXPECT_NE(err.find(obj.name), std::string::npos) << err;
+	EXPECT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_NOT_FOUND);
+	EXPECT_NE(err.find(name), std::string::npos) << err;
 	std::vector<unsigned char> junk(SHM_SIZE + 1);
 	for (std::size_t i = 0; i < junk.size(); i++)
 		junk[i] = static_cast<unsigned char>(i * 131 + 7);
 	for (std::size_t size : {std::size_t(0), SHM_SIZE - 1, SHM_SIZE + 1}) {
-		ASSERT_TRUE(obj.write(junk.data(), size));
-		EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_WRONG_SIZE) << size;
+		ASSERT_TRUE(write(junk.data(), size));
+		EXPECT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_WRONG_SIZE) << size;
 		EXPECT_NE(err.find(std::to_string(size) + " bytes"), std::string::npos) << err;
 	}
-	ASSERT_TRUE(obj.write(junk.data(), SHM_SIZE));
-	EXPECT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_NOT_A_STORE);
+	ASSERT_TRUE(write(junk.data(), SHM_SIZE));
+	EXPECT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_NOT_A_STORE);
 	EXPECT_NE(err.find("not a session store"), std::string::npos) << err;
 	auto want = sample_snapshot();
-	ASSERT_TRUE(obj.write(&want->store, SHM_SIZE));
-	ASSERT_EQ(shmstat_read(obj.name, snap.get(), &err), SHMSTAT_OK) << err;
+	ASSERT_TRUE(write(&want->store, SHM_SIZE));
+	ASSERT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_OK) << err;
 	EXPECT_EQ(std::memcmp(&snap->store, &want->store, SHM_SIZE), 0);
 	EXPECT_TRUE(snap->stable);
 }
@@ -167,17 +146,13 @@ TEST(ShmstatJson, CarriesEveryCounterAndTheSessionsInOrder)
 		for (const auto &[k, v] : doc[group].items())
 			seen.insert(k);
 	EXPECT_EQ(seen.size(), SHMSTAT_COUNTERS.size());
-	EXPECT_EQ(doc["counters"]["rx_drops"], 7);
-	EXPECT_EQ(doc["rx_errors"]["bad_version"], 3);
-	EXPECT_EQ(doc["tx_errors"]["sendto_fail"], 1);
-	EXPECT_EQ(doc["hash"]["rx_hash_trim"], 2);
-	ASSERT_EQ(doc["sessions_in_use"], 3);
+	EXPECT_EQ(std::tuple(doc["counters"]["rx_drops"], doc["rx_errors"]["bad_version"], doc["tx_errors"]["sendto_fail"],
+			     doc["hash"]["rx_hash_trim"], doc["sessions_in_use"]),
+		  std::tuple(7, 3, 1, 2, 3));
 	const auto &first = doc["sessions"][0];
-	EXPECT_EQ(first["discriminator"], 200);
-	EXPECT_EQ(first["address"], "192.0.2.11");
-	EXPECT_EQ(first["port"], 49152);
-	EXPECT_EQ(first["avg_period_us"], 1000000);
-	EXPECT_EQ(first["last_rx"]["sec"], 1700000099);
+	EXPECT_EQ(std::tuple(first["discriminator"], first["address"], first["port"], first["avg_period_us"],
+			     first["last_rx"]["sec"]),
+		  std::tuple(200, "192.0.2.11", 49152, 1000000, 1700000099));
 	EXPECT_NEAR(first["last_rx_age_s"].get<double>(), 1.0, 1e-6);
 	EXPECT_EQ(doc["sessions"][2]["address"], "198.51.100.7");
 }

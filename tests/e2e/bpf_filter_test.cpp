@@ -1,6 +1,7 @@
 // bpf_filter_test.cpp -- the two kernel filter programs of the reflector run
 // in an independent classic BPF interpreter (libpcap's bpf_filter) over
-// crafted frames: what each must pass, and what each must drop.
+// crafted frames: what each must pass, and what each must drop. The kernel
+// checks each program when the daemon attaches it (every end-to-end start).
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <pcap/bpf.h>
@@ -61,11 +62,7 @@ std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t p
 	return f;
 }
 
-std::vector<std::uint8_t> cut(std::vector<std::uint8_t> f, std::size_t len)
-{
-	f.resize(len);
-	return f;
-}
+std::vector<std::uint8_t> cut(std::vector<std::uint8_t> f, std::size_t len) { return f.resize(len), f; }
 
 TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 {
@@ -111,14 +108,6 @@ TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 		EXPECT_EQ(run(sbfd_udp_filter, c.frame), c.udp) << "sbfd_udp_filter: " << c.what;
 		EXPECT_EQ(run(sbfd_mpls_filter, c.frame), c.mpls) << "sbfd_mpls_filter: " << c.what;
 	}
-}
-
-TEST(BpfFilters, EveryJumpStaysInsideItsProgram)
-{
-	// libpcap's own checker: valid opcodes, jumps forward and within range,
-	// a return at the end.
-	EXPECT_TRUE(bpf_validate(reinterpret_cast<const bpf_insn *>(sbfd_udp_filter), SBFD_UDP_FILTER_LEN));
-	EXPECT_TRUE(bpf_validate(reinterpret_cast<const bpf_insn *>(sbfd_mpls_filter), SBFD_MPLS_FILTER_LEN));
 }
 
 }  // namespace

@@ -1,9 +1,10 @@
 // e2eutil.h -- the end-to-end bench of the reflector: two network namespaces
 // joined by a veth pair, the daemon started in one as a user starts it
 // (`ip netns exec NS orvalindwarden -d D -p ADDR -r MINRX`, with its own
-// BREVLOG_DIR and NSPATH, so its own trace and store), and an initiator in
-// the other that sends requests (UDP, or crafted frames on a packet socket)
-// and captures what comes back.
+// BREVLOG_DIR and NSPATH, so its own trace and store), an initiator in the
+// other that sends requests (UDP, or crafted frames on a packet socket) and
+// captures what comes back, and a steady load of checked requests for the
+// fault tests.
 //
 //   daemon namespace  "orvd-<pid>[-n]"  vd0 192.0.2.1/24  <-- veth -->  vi0 192.0.2.2/24
 //   initiator namespace "orvi-<pid>[-n]"
@@ -14,11 +15,14 @@
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cstring>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -38,77 +42,92 @@ constexpr const char *INITIATOR_IP = "192.0.2.2";
 constexpr std::uint32_t DAEMON_IP_H = 0xc0000201;     // 192.0.2.1
 constexpr std::uint32_t INITIATOR_IP_H = 0xc0000202;  // 192.0.2.2
 
-// Header offsets of the counters the tests look at (the layout operators read).
-constexpr std::size_t OFF_RX_DROPS = 0, OFF_TX_SENDS = 8, OFF_RX_VALID = 16, OFF_YOUR_DISC_UNMATCH = 52,
-		      OFF_UNSUPPORTED = 60, OFF_SENDTO_FAIL = 68;
-
-// The daemon's shared store mapped by its path, read by byte offsets as an
-// outside reader does; `create` makes it (0644) and maps it writable.
-class shm_view {
+// The daemon's shared store mapped by its path as an outside reader maps
+// it, read-only; `create` makes it (0644) and maps it writable. Reads as
+// all zeros when it cannot be mapped, so that a test fails instead of
+// crashing before its clean-up.
+class store_view {
 public:
-	explicit shm_view(const std::string &path, bool create = false)
+	explicit store_view(const std::string &path, bool create = false)
 	{
 		unique_fd fd{open(path.c_str(), create ? O_RDWR | O_CREAT : O_RDONLY, 0644)};
 		if (fd.get() < 0 || (create && ftruncate(fd.get(), SHM_SIZE) != 0))
 			return;
 		void *p = mmap(nullptr, SHM_SIZE, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd.get(), 0);
 		if (p != MAP_FAILED)
-			base_ = static_cast<std::uint8_t *>(p);
+			store_ = static_cast<reflector_shm *>(p);
 	}
-	~shm_view()
+	~store_view()
 	{
-		if (base_)
-			munmap(base_, SHM_SIZE);
+		if (store_)
+			munmap(store_, SHM_SIZE);
 	}
-	shm_view(const shm_view &) = delete;
-	shm_view &operator=(const shm_view &) = delete;
+	store_view(const store_view &) = delete;
+	store_view &operator=(const store_view &) = delete;
 
-	bool ok() const { return base_ != nullptr; }
-	reflector_shm *store() const { return reinterpret_cast<reflector_shm *>(base_); }
-	template <typename T> T at(std::size_t off) const
+	bool ok() const { return store_ != nullptr; }
+	reflector_shm *operator->() const { return store_ ? store_ : &none_; }
+	// The slot in use for (initiator discriminator, address), or null.
+	const reflector_session *session(std::uint32_t disc, std::uint32_t ip_h) const
 	{
-		T v;
-		std::memcpy(&v, base_ + off, sizeof v);
-		return v;
-	}
-	std::uint64_t u64(std::size_t off) const { return at<std::uint64_t>(off); }
-	std::uint32_t u32(std::size_t off) const { return at<std::uint32_t>(off); }
-	std::uint16_t u16(std::size_t off) const { return at<std::uint16_t>(off); }
-	std::uint8_t u8(std::size_t off) const { return base_[off]; }
-
-	// Offset of the slot in use for (initiator discriminator, address), or 0.
-	std::size_t session(std::uint32_t disc, std::uint32_t ip_h) const
-	{
-		for (std::size_t off = 88; off < SHM_SIZE; off += 136)
-			if (u32(off) == disc && u32(off + 4) == htonl(ip_h))
-				return off;
-		return 0;
+		for (const auto &s : (*this)->sessions)
+			if (s.discriminator == disc && s.source_ip == htonl(ip_h))
+				return &s;
+		return nullptr;
 	}
 
 private:
-	std::uint8_t *base_ = nullptr;
+	reflector_shm *store_ = nullptr;
+	static inline reflector_shm none_{};
 };
+
+// True once process `pid` has bound its netlink control port (protocol 2,
+// NETLINK_USERSOCK, port = pid): the daemon's last step of start-up.
+inline bool netlink_bound(pid_t pid)
+{
+	std::istringstream in(testutil::read_file("/proc/" + std::to_string(pid) + "/net/netlink"));
+	for (std::string line; std::getline(in, line);) {
+		std::string sk;
+		long proto = -1, port = -1;
+		std::istringstream(line) >> sk >> proto >> port;
+		if (proto == 2 && port == pid)
+			return true;
+	}
+	return false;
+}
 
 // The two namespaces, the veth pair, and the daemon.
 class bench {
 public:
 	bench()
-		: tag_(testutil::unique_name("e2e")), ns_d_("orvd-" + tag_.substr(4)), ns_i_("orvi-" + tag_.substr(4)),
-		  veth_(ns_d_.name(), "vd0", std::string(DAEMON_IP) + "/24", ns_i_.name(), "vi0",
-			std::string(INITIATOR_IP) + "/24"),
-		  shm_("orvalindwarden-" + tag_)
 	{
+		const std::string d = "ip -n " + ns_d_ + " ", i = "ip -n " + ns_i_ + " ";
+		ok_ = testutil::run("ip netns add " + ns_d_) == 0 && testutil::run("ip netns add " + ns_i_) == 0 &&
+		      testutil::run(d + "link add vd0 type veth peer name vi0 netns " + ns_i_) == 0 &&
+		      testutil::run(d + "addr add " + DAEMON_IP + "/24 dev vd0") == 0 &&
+		      testutil::run(i + "addr add " + INITIATOR_IP + "/24 dev vi0") == 0 &&
+		      testutil::run(d + "link set vd0 up") == 0 && testutil::run(i + "link set vi0 up") == 0 &&
+		      testutil::run(d + "link set lo up") == 0 && testutil::run(i + "link set lo up") == 0 && logs_.ok();
 	}
+	~bench()
+	{
+		daemon_.reset();  // killed before its namespace goes
+		testutil::run("ip netns del " + ns_d_);
+		testutil::run("ip netns del " + ns_i_);
+		shm_unlink(shm_name().c_str());
+	}
+	bench(const bench &) = delete;
+	bench &operator=(const bench &) = delete;
 
 	// Everything but the daemon is in place.
-	bool ok() const { return ns_d_.ok() && ns_i_.ok() && veth_.ok() && logs_.ok(); }
-	const std::string &ns_d() const { return ns_d_.name(); }
-	const std::string &ns_i() const { return ns_i_.name(); }
+	bool ok() const { return ok_; }
+	const std::string &ns_d() const { return ns_d_; }
+	const std::string &ns_i() const { return ns_i_; }
 	std::string nspath() const { return "/" + tag_; }
 	pid_t daemon_pid() const { return daemon_ ? daemon_->pid() : -1; }
 	testutil::child_process &daemon() { return *daemon_; }
-	std::string shm_name() const { return shm_.name(); }
-	std::string shm_path() const { return shm_.path(); }
+	std::string shm_name() const { return "orvalindwarden-" + tag_; }
+	std::string shm_path() const { return "/dev/shm/" + shm_name(); }
 	std::string trace_path() const { return logs_.file("orvalindwarden.bl"); }
 
 	// Starts the daemon with `args` (replacing one started before) and
@@ -116,14 +135,13 @@ public:
 	// bound. False when it ended instead.
 	bool spawn(const std::vector<std::string> &args)
 	{
-		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d(), bin("orvalindwarden")};
+		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d_, bin("orvalindwarden")};
 		argv.insert(argv.end(), args.begin(), args.end());
 		daemon_.reset();
 		daemon_.emplace(argv, std::vector<std::string>{"BREVLOG_DIR=" + logs_.path(), "NSPATH=" + nspath()});
 		const pid_t pid = daemon_->pid();
-		testutil::wait_until([&] { return !daemon_->running() || testutil::netlink_bound(pid); },
-				     std::chrono::seconds(10));
-		return daemon_->running() && testutil::netlink_bound(pid);
+		testutil::wait_until([&] { return !daemon_->running() || netlink_bound(pid); }, std::chrono::seconds(10));
+		return daemon_->running() && netlink_bound(pid);
 	}
 	bool start(std::uint32_t disc, std::uint32_t min_rx, const std::vector<std::string> &extra = {})
 	{
@@ -132,16 +150,18 @@ public:
 		return spawn(args);
 	}
 
-	// The daemon's trace as blcat renders it.
-	std::string trace() const { return testutil::output_of(bin("blcat") + " " + trace_path()); }
+	// The daemon's trace as blcat renders it (`suffix` ".1": the previous run's).
+	std::string trace(const std::string &suffix = "") const
+	{
+		return testutil::output_of(bin("blcat") + " " + trace_path() + suffix);
+	}
 
 private:
-	std::string tag_;
-	testutil::netns ns_d_, ns_i_;
-	testutil::veth_pair veth_;
+	std::string tag_ = testutil::unique_name("e2e");
+	std::string ns_d_ = "orvd-" + tag_.substr(4), ns_i_ = "orvi-" + tag_.substr(4);
 	testutil::temp_dir logs_{"orvlogs"};
-	testutil::shm_object shm_;
-	std::optional<testutil::child_process> daemon_;  // destroyed first: killed before the namespaces go
+	bool ok_ = false;
+	std::optional<testutil::child_process> daemon_;
 };
 
 // A captured reply, parsed.
@@ -152,51 +172,46 @@ struct reply {
 };
 
 // The initiator's sockets in its namespace: a UDP socket on 192.0.2.2 (an
-// ephemeral port, where replies land) and a packet socket on vi0 that
-// captures every incoming frame and sends crafted ones.
+// ephemeral port, where replies land) and a packet socket bound to vi0 that
+// captures every frame there and sends crafted ones (to the broadcast MAC
+// address: the daemon's packet sockets take any).
 class initiator {
 public:
 	explicit initiator(const bench &b)
 		: udp_(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, b.ns_i().c_str())),
 		  raw_(netnsSocketAt(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL), b.ns_i().c_str()))
 	{
-		auto mine = link_of(b.ns_i(), "vi0"), peer = link_of(b.ns_d(), "vd0");
-		sockaddr_in a{};
-		a.sin_family = AF_INET;
-		a.sin_addr.s_addr = htonl(INITIATOR_IP_H);
+		sockaddr_in a{AF_INET, 0, {htonl(INITIATOR_IP_H)}, {}};
 		socklen_t len = sizeof a;
-		if (udp_.get() < 0 || raw_.get() < 0 || !mine || !peer ||
-		    bind(udp_.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) != 0 ||
-		    getsockname(udp_.get(), reinterpret_cast<sockaddr *>(&a), &len) != 0)
-			return;
+		sockaddr_ll ll{};
+		ll.sll_family = AF_PACKET;
+		ll.sll_protocol = htons(ETH_P_ALL);
+		ll.sll_ifindex = std::atoi(testutil::output_of("ip -n " + b.ns_i() + " -o link show dev vi0").c_str());
+		timeval tv{0, 20000};
+		ok_ = udp_.get() >= 0 && raw_.get() >= 0 && bind(udp_.get(), reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
+		      getsockname(udp_.get(), reinterpret_cast<sockaddr *>(&a), &len) == 0 &&
+		      bind(raw_.get(), reinterpret_cast<sockaddr *>(&ll), sizeof ll) == 0 &&
+		      setsockopt(raw_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
 		port_ = ntohs(a.sin_port);
-		ifindex_ = mine->ifindex;
-		std::memcpy(my_mac_, mine->mac, 6);
-		std::memcpy(peer_mac_, peer->mac, 6);
-		ok_ = true;
 	}
 
 	bool ok() const { return ok_; }
 	std::uint16_t port() const { return port_; }
 
 	// A request to the daemon's port 7784 through the UDP socket.
-	bool send_udp(const probe_params &p, std::uint32_t dst_h = DAEMON_IP_H)
+	bool send_udp(const probe_params &p)
 	{
 		std::uint8_t b[BFD_PKT_LEN];
 		probe_encode_request(p, b);
-		sockaddr_in d{};
-		d.sin_family = AF_INET;
-		d.sin_port = htons(SBFD_PORT);
-		d.sin_addr.s_addr = htonl(dst_h);
-		return sendto(udp_.get(), b, sizeof b, 0, reinterpret_cast<sockaddr *>(&d), sizeof d) == sizeof b;
+		const sockaddr_in d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
+		return sendto(udp_.get(), b, sizeof b, 0, reinterpret_cast<const sockaddr *>(&d), sizeof d) == sizeof b;
 	}
 
 	// A frame shape addressed from vi0 to vd0, from our UDP port to 7784.
 	frame_spec shape() const
 	{
 		frame_spec s;
-		std::memcpy(s.dst_mac, peer_mac_, 6);
-		std::memcpy(s.src_mac, my_mac_, 6);
+		std::memset(s.dst_mac, 0xff, 6);
 		s.src_ip = INITIATOR_IP_H;
 		s.dst_ip = DAEMON_IP_H;
 		s.src_port = port_;
@@ -204,13 +219,7 @@ public:
 	}
 	bool send_frame(const std::vector<std::uint8_t> &f)
 	{
-		sockaddr_ll ll{};
-		ll.sll_family = AF_PACKET;
-		ll.sll_ifindex = ifindex_;
-		ll.sll_halen = 6;
-		std::memcpy(ll.sll_addr, peer_mac_, 6);
-		return sendto(raw_.get(), f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&ll), sizeof ll) ==
-		       static_cast<ssize_t>(f.size());
+		return send(raw_.get(), f.data(), f.size(), 0) == static_cast<ssize_t>(f.size());
 	}
 
 	// The next incoming UDP frame from port 7784 (a reply) within `timeout`;
@@ -218,48 +227,27 @@ public:
 	std::optional<reply> capture(std::chrono::milliseconds timeout = std::chrono::seconds(3), bool outgoing = false)
 	{
 		const auto end = std::chrono::steady_clock::now() + timeout;
-		timeval tv{0, 20000};
-		setsockopt(raw_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 		while (std::chrono::steady_clock::now() < end) {
 			reply r;
 			r.frame.resize(2048);
 			sockaddr_ll from{};
 			socklen_t fl = sizeof from;
-			ssize_t n = recvfrom(raw_.get(), r.frame.data(), r.frame.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
+			const ssize_t n = recvfrom(raw_.get(), r.frame.data(), r.frame.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
 			if (n < 0)
 				continue;
 			r.frame.resize(static_cast<std::size_t>(n));
-			if ((from.sll_pkttype == PACKET_OUTGOING) != outgoing || !probe_frame_parse(r.frame, &r.v) ||
-			    (!outgoing && r.v.src_port != SBFD_PORT))
-				continue;
-			if (!probe_decode(r.v.payload, &r.pkt))
-				r.pkt = bfd_ctrl_pkt{};
-			return r;
+			if ((from.sll_pkttype == PACKET_OUTGOING) == outgoing && probe_frame_parse(r.frame, &r.v) &&
+			    (outgoing || r.v.src_port == SBFD_PORT)) {
+				probe_decode(r.v.payload, &r.pkt);
+				return r;
+			}
 		}
 		return std::nullopt;
 	}
 
 private:
-	struct link_info {
-		int ifindex = 0;
-		std::uint8_t mac[6] = {};
-	};
-	// Index and MAC address of `ifname` in namespace `ns`, from `ip -o link`.
-	static std::optional<link_info> link_of(const std::string &ns, const std::string &ifname)
-	{
-		std::string out = testutil::output_of("ip -n " + ns + " -o link show dev " + ifname);
-		auto at = out.find("link/ether ");
-		link_info li;
-		li.ifindex = std::atoi(out.c_str());
-		if (at == std::string::npos || li.ifindex <= 0 || !probe_parse_mac(out.substr(at + 11, 17).c_str(), li.mac))
-			return std::nullopt;
-		return li;
-	}
-
 	unique_fd udp_, raw_;
 	std::uint16_t port_ = 0;
-	int ifindex_ = 0;
-	std::uint8_t my_mac_[6] = {}, peer_mac_[6] = {};
 	bool ok_ = false;
 };
 
@@ -269,8 +257,8 @@ class E2eTest : public ::testing::Test {
 protected:
 	void SetUp() override
 	{
-		if (const char *why = testutil::missing_net_admin())
-			GTEST_SKIP() << why;
+		if (geteuid() != 0 || testutil::run("command -v ip") != 0)
+			GTEST_SKIP() << "needs root (network namespaces) and the ip command";
 		b.emplace();
 		ASSERT_TRUE(b->ok()) << "namespaces and veth pair";
 	}
@@ -281,9 +269,114 @@ protected:
 		ini.emplace(*b);
 		ASSERT_TRUE(ini->ok()) << "initiator sockets";
 	}
+	// The reply to a request from `my_disc` to `your_disc`, if any.
+	std::optional<reply> ask(std::uint32_t my_disc, std::uint32_t your_disc,
+				 std::chrono::milliseconds timeout = std::chrono::seconds(3))
+	{
+		probe_params p;
+		p.my_disc = my_disc;
+		p.your_disc = your_disc;
+		EXPECT_TRUE(ini->send_udp(p));
+		return ini->capture(timeout);
+	}
 
 	std::optional<bench> b;
 	std::optional<initiator> ini;
+};
+
+// Steady load for the fault tests: a thread that offers well-formed
+// requests from `sessions` initiators (My Discriminator 5000 + i, one UDP
+// socket) at `rate` per second for `duration` from the initiator namespace,
+// while the test thread does harm to the daemon, and that checks every
+// reply. Each request carries its sequence number in Desired Min TX
+// Interval, which the reflector echoes, so every reply names its request. A
+// reply is right when it has the discriminators swapped, state Up, D clear,
+// Required Min Echo RX 0 and the daemon's Required Min RX.
+class load {
+public:
+	struct result {
+		std::uint64_t sent = 0;       // requests the kernel took
+		std::uint64_t answered = 0;   // right replies, each to a distinct request
+		std::uint64_t wrong = 0;      // replies failing a check above
+		std::uint64_t duplicate = 0;  // second reply to one request
+	};
+
+	load(const bench &b, std::uint32_t your_disc, std::uint32_t min_rx, std::uint32_t rate,
+	     std::chrono::milliseconds duration, std::uint32_t sessions)
+		: your_disc_(your_disc), min_rx_(min_rx), sessions_(sessions),
+		  period_(std::chrono::nanoseconds(1000000000ull / rate)),
+		  answered_(rate * static_cast<std::size_t>(duration.count()) / 1000, 0),
+		  sock_(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, b.ns_i().c_str()))
+	{
+		const sockaddr_in a{AF_INET, 0, {htonl(INITIATOR_IP_H)}, {}}, d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
+		ok_ = sock_.get() >= 0 && bind(sock_.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a) == 0 &&
+		      connect(sock_.get(), reinterpret_cast<const sockaddr *>(&d), sizeof d) == 0;
+		if (ok_)
+			thread_ = std::thread([this] { run(); });
+	}
+	~load() { join(); }
+	load(const load &) = delete;
+	load &operator=(const load &) = delete;
+
+	bool ok() const { return ok_; }
+	result join()
+	{
+		if (thread_.joinable())
+			thread_.join();
+		return res_;
+	}
+
+private:
+	void run()
+	{
+		const std::uint64_t total = answered_.size();
+		const auto start = std::chrono::steady_clock::now(), last = start + period_ * static_cast<long>(total);
+		pollfd pfd{sock_.get(), POLLIN, 0};
+		for (std::uint64_t seq = 0;;) {
+			const auto now = std::chrono::steady_clock::now();
+			for (; seq < total && start + period_ * static_cast<long>(seq) <= now; seq++) {
+				probe_params p;
+				p.my_disc = FIRST_DISC + static_cast<std::uint32_t>(seq % sessions_);
+				p.your_disc = your_disc_;
+				p.state = BFD_STATE_UP;
+				p.min_tx_us = static_cast<std::uint32_t>(seq);
+				std::uint8_t b[BFD_PKT_LEN];
+				probe_encode_request(p, b);
+				res_.sent += send(sock_.get(), b, sizeof b, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof b);
+			}
+			if (seq == total && (res_.answered + res_.wrong >= res_.sent || now > last + std::chrono::milliseconds(500)))
+				return;
+			if (poll(&pfd, 1, 1) > 0)
+				drain();
+		}
+	}
+
+	void drain()
+	{
+		std::uint8_t b[64];
+		bfd_ctrl_pkt pkt;
+		for (ssize_t n; (n = recv(sock_.get(), b, sizeof b, MSG_DONTWAIT)) >= 0;) {
+			const bool whole = n == static_cast<ssize_t>(BFD_PKT_LEN) && probe_decode({b, BFD_PKT_LEN}, &pkt);
+			const std::uint64_t seq = whole ? ntohl(pkt.min_tx_interval) : ~0ull;
+			if (seq >= answered_.size() || ntohl(pkt.your_disc) != FIRST_DISC + seq % sessions_ ||
+			    ntohl(pkt.my_disc) != your_disc_ || bfd_state_of(pkt) != BFD_STATE_UP || (pkt.flags & BFD_FLAG_D) ||
+			    pkt.min_echo_rx_interval != 0 || ntohl(pkt.min_rx_interval) != min_rx_)
+				res_.wrong++;
+			else if (answered_[seq]++)
+				res_.duplicate++;
+			else
+				res_.answered++;
+		}
+	}
+
+	static constexpr std::uint32_t FIRST_DISC = 5000;
+	std::uint32_t your_disc_, min_rx_, sessions_;
+	std::chrono::nanoseconds period_;
+	std::vector<std::uint8_t> answered_;  // per sequence number
+	unique_fd sock_;
+	bool ok_ = false;
+	result res_;
+	std::thread thread_;
 };
 
 }  // namespace e2e

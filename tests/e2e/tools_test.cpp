@@ -3,7 +3,6 @@
 // address re-binds and an unbindable one ends the daemon; sbfd-ping plain
 // and labelled; orvalindwarden-stat in its three formats; and their error
 // paths (bad arguments, no reply, no daemon, a missing store).
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "e2e/e2eutil.h"
@@ -15,6 +14,7 @@ using e2e::bin;
 struct result {
 	int status;
 	std::string out;  // standard output and error
+	bool has(const std::string &part) const { return out.find(part) != std::string::npos; }
 };
 
 // Runs `argv` in namespace `ns` (empty: here) and waits for it to end.
@@ -27,16 +27,6 @@ result run_in(const std::string &ns, std::vector<std::string> argv, const std::v
 	return {st, p.out() + p.err()};
 }
 
-bool has(const result &r, const std::string &part) { return r.out.find(part) != std::string::npos; }
-
-probe_params request(std::uint32_t my_disc, std::uint32_t your_disc)
-{
-	probe_params p;
-	p.my_disc = my_disc;
-	p.your_disc = your_disc;
-	return p;
-}
-
 class ToolsInNamespace : public e2e::E2eTest {
 protected:
 	// orvalindwarden-ctl at the bench's daemon, from here.
@@ -47,49 +37,31 @@ protected:
 		argv.insert(argv.end(), args.begin(), args.end());
 		return run_in("", argv);
 	}
-	// The reply to a request from `my_disc` to `your_disc`, if any.
-	std::optional<e2e::reply> ask(std::uint32_t my_disc, std::uint32_t your_disc,
-				      std::chrono::milliseconds timeout = std::chrono::seconds(3))
-	{
-		EXPECT_TRUE(ini->send_udp(request(my_disc, your_disc)));
-		return ini->capture(timeout);
-	}
 };
 
-TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReply)
+TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReplyAndANewSourceRebinds)
 {
 	start(100, 1000);
 	result r = ctl({"-d", "200", "-r", "5000", "-s", e2e::DAEMON_IP, "--admin-down"});
 	ASSERT_EQ(r.status, 0) << r.out;
 	auto reply = ask(555, 200);
 	ASSERT_TRUE(reply) << "no reply to the new discriminator";
-	EXPECT_EQ(ntohl(reply->pkt.my_disc), 200u);
-	EXPECT_EQ(ntohl(reply->pkt.min_rx_interval), 5000u);
-	EXPECT_EQ(bfd_state_of(reply->pkt), BFD_STATE_ADMIN_DOWN);
-	EXPECT_EQ(bfd_diag(reply->pkt), BFD_DIAG_ADMIN_DOWN);
+	EXPECT_EQ(std::tuple(ntohl(reply->pkt.my_disc), ntohl(reply->pkt.min_rx_interval)), std::tuple(200u, 5000u));
+	EXPECT_EQ(std::tuple(bfd_state_of(reply->pkt), bfd_diag(reply->pkt)), std::tuple(BFD_STATE_ADMIN_DOWN, BFD_DIAG_ADMIN_DOWN));
 	EXPECT_FALSE(ask(555, 100, std::chrono::milliseconds(300))) << "the old discriminator is someone else's now";
-	e2e::shm_view shm(b->shm_path());
-	EXPECT_TRUE(testutil::wait_until([&] { return shm.u32(e2e::OFF_YOUR_DISC_UNMATCH) == 1; }));
+	e2e::store_view shm(b->shm_path());
+	EXPECT_TRUE(testutil::wait_until([&] { return shm->your_disc_unmatch == 1; }));
 
-	ASSERT_EQ(ctl({"-d", "200", "-r", "0", "-s", e2e::DAEMON_IP, "--admin-up"}).status, 0);
-	reply = ask(555, 200);
-	ASSERT_TRUE(reply);
-	EXPECT_EQ(bfd_state_of(reply->pkt), BFD_STATE_UP);
-	EXPECT_EQ(bfd_diag(reply->pkt), 0);
-	EXPECT_EQ(ntohl(reply->pkt.min_rx_interval), 0u);
-}
-
-TEST_F(ToolsInNamespace, NewSourceAddressRebindsAndAnUnbindableOneEndsTheDaemon)
-{
-	start(100, 1000);
+	// Up again, from a new address of the daemon's namespace.
 	ASSERT_EQ(testutil::run("ip -n " + b->ns_d() + " addr add 192.0.2.3/24 dev vd0"), 0);
-	ASSERT_EQ(ctl({"-d", "100", "-r", "1000", "-s", "192.0.2.3", "--admin-up"}).status, 0);
-	auto reply = ask(555, 100);
+	ASSERT_EQ(ctl({"-d", "200", "-r", "0", "-s", "192.0.2.3", "--admin-up"}).status, 0);
+	reply = ask(555, 200);
 	ASSERT_TRUE(reply) << "no reply after the source change";
-	EXPECT_EQ(reply->v.src_ip, 0xc0000203u) << "reply not from the new address";
-	EXPECT_EQ(reply->v.src_port, SBFD_PORT);
-	EXPECT_EQ(reply->v.tos, 0xc0);
-	EXPECT_EQ(reply->v.ttl, 255);
+	EXPECT_EQ(std::tuple(bfd_state_of(reply->pkt), bfd_diag(reply->pkt), ntohl(reply->pkt.min_rx_interval)),
+		  std::tuple(BFD_STATE_UP, 0, 0u));
+	EXPECT_EQ(std::tuple(reply->v.src_ip, reply->v.src_port, reply->v.tos, reply->v.ttl),
+		  std::tuple(0xc0000203u, SBFD_PORT, 0xc0, 255))
+		<< "reply not from the new address, or without the socket's options";
 	// 198.51.100.9 is no address of the daemon's namespace.
 	ASSERT_EQ(ctl({"-d", "100", "-r", "1000", "-s", "198.51.100.9", "--admin-up"}).status, 0);
 	EXPECT_EQ(b->daemon().exit_status(), 0);
@@ -100,6 +72,7 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 {
 	start(4711, 40000);
 	const std::string ctl_bin = bin("orvalindwarden-ctl"), pid = std::to_string(b->daemon_pid());
+	const std::vector<std::string> set = {"-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"};
 	const struct {
 		std::vector<std::string> args;
 		int status;
@@ -108,23 +81,24 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 		{{"--pid", pid, "-d", "9", "-r", "1", "-s", "192.0.2.256", "--admin-up"}, 2, "not an IPv4 address"},
 		{{"--pid", pid, "-d", "9", "-r", "1", "--admin-up"}, 2, "missing --source"},
 		{{"--pid", pid, "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up", "--admin-down"}, 2, "exclude each other"},
-		// The test itself is a process without a control port.
-		{{"--pid", std::to_string(getpid()), "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"}, 1,
-		 "no netlink control port"},
-		{{"--pidfile", "/nonexistent/orv.pid", "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"}, 1,
-		 "cannot read pid file"},
+		{{"--pid", std::to_string(getpid())}, 1, "no netlink control port"},  // the test has none
+		{{"--pidfile", "/nonexistent/orv.pid"}, 1, "cannot read pid file"},
 	};
 	for (const auto &c : cases) {
 		std::vector<std::string> argv = {ctl_bin, "--netns", b->ns_d()};
 		argv.insert(argv.end(), c.args.begin(), c.args.end());
+		if (c.status == 1)
+			argv.insert(argv.end(), set.begin(), set.end());
 		const result r = run_in("", argv);
 		EXPECT_EQ(r.status, c.status) << c.message << ": " << r.out;
-		EXPECT_TRUE(has(r, c.message)) << r.out;
+		EXPECT_TRUE(r.has(c.message)) << r.out;
 	}
 	// The daemon's port lives in its namespace: from ours it is not there.
-	result r = run_in("", {ctl_bin, "--pid", pid, "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"});
+	std::vector<std::string> argv = {ctl_bin, "--pid", pid};
+	argv.insert(argv.end(), set.begin(), set.end());
+	result r = run_in("", argv);
 	EXPECT_EQ(r.status, 1) << r.out;
-	EXPECT_TRUE(has(r, "another network namespace")) << r.out;
+	EXPECT_TRUE(r.has("another network namespace")) << r.out;
 	auto reply = ask(31, 4711);
 	ASSERT_TRUE(reply) << "none of that reached the daemon";
 	EXPECT_EQ(ntohl(reply->pkt.min_rx_interval), 40000u);
@@ -132,7 +106,9 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 	// Found through a pid file, inside the daemon's namespace.
 	testutil::temp_dir dir("orvctl");
 	std::ofstream(dir.file("d.pid")) << pid << "\n";
-	r = run_in(b->ns_d(), {ctl_bin, "--pidfile", dir.file("d.pid"), "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"});
+	argv = {ctl_bin, "--pidfile", dir.file("d.pid")};
+	argv.insert(argv.end(), set.begin(), set.end());
+	r = run_in(b->ns_d(), argv);
 	EXPECT_EQ(r.status, 0) << r.out;
 	reply = ask(31, 9);
 	ASSERT_TRUE(reply);
@@ -142,33 +118,32 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
 {
 	start(4711, 40000);
-	const std::vector<std::string> ping = {bin("sbfd-ping"), "-c", "3", "-i", "0.1", "--your-disc", "4711"};
-	auto args = [&](std::vector<std::string> more) {
-		more.insert(more.begin(), ping.begin(), ping.end());
-		more.push_back(e2e::DAEMON_IP);
-		return more;
+	auto ping = [&](std::vector<std::string> args) {
+		args.insert(args.begin(), {bin("sbfd-ping"), "-c", "3", "-i", "0.1"});
+		args.push_back(e2e::DAEMON_IP);
+		return run_in(b->ns_i(), args);
 	};
-	result r = run_in(b->ns_i(), args({"--my-disc", "77", "--poll"}));
+	result r = ping({"--your-disc", "4711", "--my-disc", "77", "--poll"});
 	EXPECT_EQ(r.status, 0) << r.out;
-	EXPECT_TRUE(has(r, "3 packets transmitted, 3 received, 0% packet loss")) << r.out;
-	EXPECT_TRUE(has(r, "24 bytes from 192.0.2.1:7784: seq=1 state=Up diag=0 (No Diagnostic) flags=F ")) << r.out;
-	EXPECT_TRUE(has(r, "my_disc=4711 your_disc=77 min_tx=1000000 min_rx=40000 min_echo_rx=0")) << r.out;
-	EXPECT_TRUE(has(r, "rtt min/avg/max/mdev = ")) << r.out;
+	EXPECT_TRUE(r.has("3 packets transmitted, 3 received, 0% packet loss")) << r.out;
+	EXPECT_TRUE(r.has("24 bytes from 192.0.2.1:7784: seq=1 state=Up diag=0 (No Diagnostic) flags=F ")) << r.out;
+	EXPECT_TRUE(r.has("my_disc=4711 your_disc=77 min_tx=1000000 min_rx=40000 min_echo_rx=0")) << r.out;
+	EXPECT_TRUE(r.has("rtt min/avg/max/mdev = ")) << r.out;
 
 	// Labelled: the next hop is learnt from the neighbour table, and every
 	// probe leaves vi0 as an MPLS frame under label 0.
-	r = run_in(b->ns_i(), args({"--my-disc", "78", "--mpls", "vi0"}));
+	r = ping({"--your-disc", "4711", "--my-disc", "78", "--mpls", "vi0"});
 	EXPECT_EQ(r.status, 0) << r.out;
-	EXPECT_TRUE(has(r, "3 packets transmitted, 3 received")) << r.out;
+	EXPECT_TRUE(r.has("3 packets transmitted, 3 received")) << r.out;
 	int labelled = 0;
 	while (auto f = ini->capture(std::chrono::milliseconds(200), /*outgoing=*/true))
 		labelled += f->v.ethertype == ETH_TYPE_MPLS && f->v.label_entries == std::vector<std::uint32_t>{0x140} &&
 			    f->v.dst_port == SBFD_PORT;
 	EXPECT_EQ(labelled, 3);
 
-	r = run_in(b->ns_i(), {bin("sbfd-ping"), "-c", "2", "-i", "0.1", "-W", "0.3", "--your-disc", "4712", e2e::DAEMON_IP});
+	r = ping({"-W", "0.3", "--your-disc", "4712"});
 	EXPECT_EQ(r.status, 1) << r.out;
-	EXPECT_TRUE(has(r, "2 packets transmitted, 0 received, 100% packet loss")) << r.out;
+	EXPECT_TRUE(r.has("3 packets transmitted, 0 received, 100% packet loss")) << r.out;
 	const struct {
 		std::vector<std::string> args;
 		const char *message;
@@ -182,7 +157,7 @@ TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
 		argv.insert(argv.end(), c.args.begin(), c.args.end());
 		r = run_in(b->ns_i(), argv);
 		EXPECT_EQ(r.status, 2) << c.message << ": " << r.out;
-		EXPECT_TRUE(has(r, c.message)) << r.out;
+		EXPECT_TRUE(r.has(c.message)) << r.out;
 	}
 }
 
@@ -199,7 +174,7 @@ TEST_F(ToolsInNamespace, StatShowsTheSessionsOfARunningDaemonInAllThreeFormats)
 	const std::size_t first = r.out.find("4343  192.0.2.2:"), second = r.out.find("4242  192.0.2.2:");
 	ASSERT_NE(second, std::string::npos) << r.out;
 	EXPECT_LT(first, second) << r.out;
-	EXPECT_TRUE(has(r, "Sessions in use: 2 of 512")) << r.out;
+	EXPECT_TRUE(r.has("Sessions in use: 2 of 512")) << r.out;
 
 	// JSON, store chosen by NSPATH as the daemon chose it.
 	r = run_in("", {stat, "--json"}, {"NSPATH=" + b->nspath()});
@@ -217,8 +192,8 @@ TEST_F(ToolsInNamespace, StatShowsTheSessionsOfARunningDaemonInAllThreeFormats)
 	// Textfile metrics, store chosen by its object name.
 	r = run_in("", {stat, "--prometheus", "--object", b->shm_name()}, {"NSPATH"});
 	ASSERT_EQ(r.status, 0) << r.out;
-	EXPECT_TRUE(has(r, "orvalindwarden_session_received_total{discriminator=\"4242\",address=\"192.0.2.2\"} 2\n")) << r.out;
-	EXPECT_TRUE(has(r, "# TYPE orvalindwarden_tx_sends_total counter\n")) << r.out;
+	EXPECT_TRUE(r.has("orvalindwarden_session_received_total{discriminator=\"4242\",address=\"192.0.2.2\"} 2\n")) << r.out;
+	EXPECT_TRUE(r.has("# TYPE orvalindwarden_tx_sends_total counter\n")) << r.out;
 }
 
 // Needs no privilege: option errors and a missing store.

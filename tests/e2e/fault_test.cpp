@@ -1,0 +1,210 @@
+// fault_test.cpp -- the daemon under load while harm is done to it: killed
+// with SIGKILL and started again with -S (no counter and no session is lost,
+// the counters only move forward, and the killed run's trace stays readable
+// in its previous-generation file); a flood of malformed frames mixed with
+// valid requests; netlink garbage and a control message every millisecond;
+// thousands of SIGRTMIN+9. None of them may make a reply wrong or missing,
+// and the counters must add up.
+#include <linux/netlink.h>
+#include <signal.h>
+
+#include <map>
+#include <random>
+
+#include "e2e/e2eutil.h"
+#include "nlctl.h"
+#include "shmstat.h"
+
+namespace {
+
+constexpr std::uint32_t DISC = 7;
+constexpr std::uint32_t MIN_RX = 3300;
+constexpr std::uint32_t SESSIONS = 64;
+using ms = std::chrono::milliseconds;
+
+class FaultInNamespace : public e2e::E2eTest {
+protected:
+	e2e::load::result load(std::uint32_t rate, ms d) { return e2e::load(*b, DISC, MIN_RX, rate, d, SESSIONS).join(); }
+	// Runs `harm(i)` for i = 0, 1, ... on this thread while the load runs;
+	// every request must get one right reply, every one counted and sent.
+	template <typename F> void expect_clean_under_load(std::uint32_t rate, ms d, F harm)
+	{
+		e2e::load l(*b, DISC, MIN_RX, rate, d, SESSIONS);
+		ASSERT_TRUE(l.ok());
+		const auto end = std::chrono::steady_clock::now() + d;
+		for (std::uint64_t i = 0; std::chrono::steady_clock::now() < end; i++)
+			harm(i);
+		const auto r = l.join();
+		EXPECT_EQ(std::tuple(r.wrong, r.duplicate), std::tuple(0u, 0u));
+		EXPECT_EQ(r.answered, r.sent) << "every valid request answered";
+		e2e::store_view shm(b->shm_path());
+		EXPECT_EQ(shm->tx_sends, shm->rx_valid_pkts);
+		EXPECT_TRUE(b->daemon().running());
+	}
+};
+
+// Every counter that only ever grows (the hash counters restart each
+// counting period), and the received count of every session.
+struct store_copy {
+	std::map<std::string, std::uint64_t> counters;
+	std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint64_t> sessions;
+};
+
+store_copy copy_of(const e2e::store_view &v)
+{
+	store_copy c;
+	for (const auto &k : SHMSTAT_COUNTERS)
+		if (k.group != shmstat_group::hash)
+			c.counters[k.name] = shmstat_counter_value(k, *v.operator->());
+	for (const auto &s : v->sessions)
+		if (s.discriminator)
+			c.sessions[{s.discriminator, s.source_ip}] = s.num_received;
+	return c;
+}
+
+TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSession)
+{
+	start(DISC, MIN_RX);
+	auto warm = load(2000, ms(300));  // every session exists before the kill
+	ASSERT_EQ(warm.answered, warm.sent);
+	const pid_t first = b->daemon_pid();
+	{
+		e2e::load busy(*b, DISC, MIN_RX, 5000, ms(2000), SESSIONS);
+		ASSERT_TRUE(busy.ok());
+		std::this_thread::sleep_for(ms(1000));
+		ASSERT_EQ(kill(first, SIGKILL), 0);
+		ASSERT_TRUE(testutil::wait_until([&] { return !b->daemon().running(); }));
+		const auto r = busy.join();
+		EXPECT_GT(r.answered, 0u);
+		EXPECT_EQ(r.wrong, 0u);
+	}
+	const store_copy killed = copy_of(e2e::store_view(b->shm_path()));
+	ASSERT_EQ(killed.sessions.size(), SESSIONS);
+	// Every counted request was answered, except at most the one the kill
+	// fell into (counted valid, not yet sent).
+	EXPECT_LE(killed.counters.at("rx_valid_pkts") - killed.counters.at("tx_sends") - killed.counters.at("sendto_fail"), 1u);
+
+	start(DISC, MIN_RX, {"-S"});
+	ASSERT_NE(b->daemon_pid(), first);
+	const store_copy restored = copy_of(e2e::store_view(b->shm_path()));
+	EXPECT_EQ(restored.counters, killed.counters) << "taking the store up changes nothing";
+	EXPECT_EQ(restored.sessions, killed.sessions);
+	const auto r = load(2000, ms(500));
+	EXPECT_EQ(r.answered, r.sent);
+	EXPECT_EQ(r.wrong, 0u);
+
+	store_copy now = copy_of(e2e::store_view(b->shm_path()));
+	for (auto [name, value] : killed.counters)
+		EXPECT_GE(now.counters[name], value) << name << " went back";
+	EXPECT_EQ(now.counters["rx_valid_pkts"] - killed.counters.at("rx_valid_pkts"), r.sent) << "every request counted";
+	EXPECT_EQ(now.sessions.size(), SESSIONS) << "the old sessions were found again, none created";
+	for (auto [key, received] : killed.sessions)
+		EXPECT_GT(now.sessions[key], received);
+
+	// The killed run's trace is the previous generation, readable to its end.
+	const std::string old = b->trace(".1");
+	EXPECT_NE(old.find("INIT: orvalindwarden ready"), std::string::npos);
+	EXPECT_NE(old.find("TX: Send 24 bytes back to initiator"), std::string::npos);
+	EXPECT_NE(b->trace().find("INIT: orvalindwarden ready"), std::string::npos);
+}
+
+TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
+{
+	start(DISC, MIN_RX);
+	// Kinds of frames the filters pass and the daemon must drop, each
+	// broken in one place.
+	auto request = [](std::uint32_t my_disc, std::uint32_t your_disc, std::uint8_t byte1 = 0x42) {
+		probe_params p;
+		p.my_disc = my_disc;
+		p.your_disc = your_disc;
+		std::vector<std::uint8_t> b(BFD_PKT_LEN);
+		probe_encode_request(p, b.data());
+		b[1] = byte1;
+		return b;
+	};
+	const frame_spec s = ini->shape();
+	frame_spec tcp = s, two = s, from7784 = s;
+	tcp.labels = {0};
+	tcp.ip_proto = 6;
+	two.labels = {0, 0};
+	from7784.src_port = SBFD_PORT;
+	auto good = request(9, DISC), v0 = good;
+	v0[0] = 0;
+	const std::vector<std::vector<std::uint8_t>> bad = {
+		probe_frame_build(s, v0),
+		probe_frame_build(s, request(9, DISC, 0x40)),         // D clear
+		probe_frame_build(s, std::span(good).first(20)),      // truncated
+		probe_frame_build(s, request(9, DISC + 1)),           // not ours
+		probe_frame_build(s, request(0, DISC)),               // My Discriminator 0
+		probe_frame_build(tcp, good), probe_frame_build(two, good), probe_frame_build(from7784, good)};
+
+	std::uint64_t flooded = 0;
+	expect_clean_under_load(2000, ms(3000), [&](std::uint64_t i) {
+		flooded += ini->send_frame(bad[i % bad.size()]);
+		if (i % 4 == 3)
+			std::this_thread::sleep_for(std::chrono::microseconds(200));
+	});
+	EXPECT_GT(flooded, 5000u);
+	// Frames may be lost to a full socket buffer, but none is counted twice.
+	EXPECT_LE(e2e::store_view(b->shm_path())->rx_drops, flooded);
+}
+
+TEST_F(FaultInNamespace, NetlinkGarbageAndAControlMessageEveryMillisecondChangeNoReply)
+{
+	start(DISC, MIN_RX);
+	unique_fd nl{netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, b->ns_d().c_str())};
+	ASSERT_GE(nl.get(), 0);
+	sockaddr_nl to{};
+	to.nl_family = AF_NETLINK;
+	to.nl_pid = static_cast<std::uint32_t>(b->daemon_pid());
+	auto send_nl = [&](const std::uint8_t *p, std::size_t n) {
+		return sendto(nl.get(), p, n, 0, reinterpret_cast<sockaddr *>(&to), sizeof to) == static_cast<ssize_t>(n);
+	};
+	const nlctl_config same{DISC, MIN_RX, e2e::DAEMON_IP_H, false};
+	// Garbage: random datagrams, often behind a plausible header of another
+	// type. No message the daemon's walk may find has NLM_F_REQUEST set
+	// (headers start at multiples of 4; the flags' low byte is at 6), so
+	// none can hold a setting.
+	std::mt19937 rng(20240611);
+	auto garbage = [&] {
+		std::vector<std::uint8_t> g(16 + rng() % 200);
+		for (auto &x : g)
+			x = static_cast<std::uint8_t>(rng());
+		for (std::size_t i = 6; i < g.size(); i += 4)
+			g[i] &= static_cast<std::uint8_t>(~NLM_F_REQUEST);
+		if (rng() % 2) {
+			const nlmsghdr h{static_cast<std::uint32_t>(16 + rng() % (g.size() - 15)),
+					 static_cast<std::uint16_t>(17 + rng() % 1000), NLM_F_REQUEST, 0, 0};
+			std::memcpy(g.data(), &h, sizeof h);
+		}
+		return g;
+	};
+	std::uint64_t control = 0, junk = 0;
+	expect_clean_under_load(3000, ms(3000), [&](std::uint64_t i) {
+		const auto m = nlctl_encode(same, static_cast<std::uint32_t>(i));
+		control += send_nl(m.data(), m.size());
+		const auto g = garbage();
+		junk += send_nl(g.data(), g.size());
+		std::this_thread::sleep_for(ms(1));
+	});
+	EXPECT_GT(control, 1000u);
+	EXPECT_GT(junk, 1000u);
+}
+
+TEST_F(FaultInNamespace, ThousandsOfIgnoredSignalsChangeNothingButTheTrace)
+{
+	start(DISC, MIN_RX);
+	std::uint64_t signals = 0;
+	expect_clean_under_load(3000, ms(3000), [&](std::uint64_t i) {
+		signals += kill(b->daemon_pid(), SIGRTMIN + 9) == 0;
+		if (i % 4 == 3)
+			std::this_thread::sleep_for(std::chrono::microseconds(500));
+	});
+	EXPECT_GT(signals, 3000u);
+	EXPECT_EQ(e2e::store_view(b->shm_path())->rx_drops, 0u);
+	const std::string t = b->trace();
+	EXPECT_NE(t.find("Got SIG43 but ignore"), std::string::npos);
+	EXPECT_NE(t.find("TX: Send 24 bytes back to initiator"), std::string::npos);
+}
+
+}  // namespace
