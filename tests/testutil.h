@@ -1,22 +1,19 @@
-// testutil.h -- helpers shared by the tests: unique names, files and
-// commands, bounded waits, and owners of what a test makes outside its own
-// memory (temporary directories, child processes, anything with an undo
-// step). Each owner undoes its work in its destructor, so a test that fails
-// half way leaves the machine as it found it. Processes are signalled only
-// by the pid the owner started. Names carry getpid() so that tests can run
-// in parallel (ctest -j).
+// testutil.h -- helpers shared by the tests: unique names, files, bounded
+// waits, and owners of what a test makes outside its own memory (temporary
+// directories, child processes, anything with an undo step). Each owner
+// undoes its work in its destructor, so a test that fails half way leaves
+// the machine as it found it. Processes are signalled only by the pid the
+// owner started. Names carry getpid() so that tests can run in parallel.
 #pragma once
 
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <optional>
@@ -45,27 +42,6 @@ inline std::string read_file(const std::string &path)
 	return ss.str();
 }
 
-// Exit status of `cmd` run by /bin/sh, its output discarded; -1 when it did
-// not exit normally.
-inline int run(const std::string &cmd)
-{
-	const int rc = std::system((cmd + " >/dev/null 2>&1").c_str());
-	return rc != -1 && WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-}
-
-// Standard output of `cmd` run by /bin/sh (standard error discarded).
-inline std::string output_of(const std::string &cmd)
-{
-	std::string out;
-	if (FILE *p = popen((cmd + " 2>/dev/null").c_str(), "r")) {
-		char buf[4096];
-		for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;)
-			out.append(buf, n);
-		pclose(p);
-	}
-	return out;
-}
-
 // Polls `pred` until it is true or `timeout` has passed; its last value.
 template <typename Pred> bool wait_until(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(5))
 {
@@ -79,19 +55,21 @@ template <typename Pred> bool wait_until(Pred pred, std::chrono::milliseconds ti
 }
 
 // Runs its undo step (a namespace deleted, an object unlinked, a setting
-// restored) when it goes, in the process that made it only.
+// restored) when it goes, in the process that made it only (not in a death
+// test's child).
 struct undo {
-	std::function<void()> fn;
-	pid_t owner = getpid();
+	explicit undo(std::function<void()> f) : fn(std::move(f)) {}
+	undo(const undo &) = delete;
 	~undo()
 	{
-		if (fn && getpid() == owner)
+		if (getpid() == owner)
 			fn();
 	}
+	std::function<void()> fn;
+	pid_t owner = getpid();
 };
 
-// A fresh directory /tmp/<prefix>-<pid>-XXXXXX, removed with its content by
-// the process that made it (not by a death test's child).
+// A fresh directory /tmp/<prefix>-<pid>-XXXXXX, removed with its content.
 class temp_dir {
 public:
 	explicit temp_dir(const std::string &prefix = "orvtest")
@@ -100,9 +78,6 @@ public:
 		if (mkdtemp(tmpl.data()) != nullptr)
 			path_ = tmpl;
 	}
-	temp_dir(const temp_dir &) = delete;
-	temp_dir &operator=(const temp_dir &) = delete;
-
 	bool ok() const { return !path_.empty(); }
 	const std::string &path() const { return path_; }
 	std::string file(const std::string &name) const { return path_ + "/" + name; }
@@ -110,9 +85,9 @@ public:
 private:
 	std::string path_;
 	undo remove_{[this] {
+		std::error_code ec;
 		if (!path_.empty())
-			nftw(path_.c_str(), [](const char *p, const struct stat *, int, FTW *) { return ::remove(p), 0; }, 16,
-			     FTW_DEPTH | FTW_PHYS);
+			std::filesystem::remove_all(path_, ec);
 	}};
 };
 
@@ -125,14 +100,13 @@ class child_process {
 public:
 	explicit child_process(std::vector<std::string> argv, const std::vector<std::string> &env = {})
 	{
-		std::vector<std::string> pre{"env"};
-		for (const auto &e : env) {
-			if (e.find('=') == std::string::npos)
-				pre.push_back("-u");
-			pre.push_back(e);
+		for (auto e = env.rbegin(); e != env.rend(); ++e) {
+			argv.insert(argv.begin(), *e);
+			if (e->find('=') == std::string::npos)
+				argv.insert(argv.begin(), "-u");
 		}
 		if (!env.empty())
-			argv.insert(argv.begin(), pre.begin(), pre.end());
+			argv.insert(argv.begin(), "env");
 		std::vector<char *> cargv;
 		for (auto &a : argv)
 			cargv.push_back(a.data());
@@ -150,10 +124,8 @@ public:
 	}
 	~child_process()
 	{
-		if (running()) {
-			kill(pid_, SIGKILL);
-			waitpid(pid_, nullptr, 0);
-		}
+		if (running())
+			kill(pid_, SIGKILL), waitpid(pid_, nullptr, 0);
 	}
 	child_process(const child_process &) = delete;
 	child_process &operator=(const child_process &) = delete;
@@ -168,7 +140,7 @@ public:
 	}
 	// Exit status after waiting up to `timeout`; -1 when the child did not
 	// end in time or ended on a signal.
-	int exit_status(std::chrono::milliseconds timeout = std::chrono::seconds(10))
+	int exit_status(std::chrono::milliseconds timeout = std::chrono::seconds(20))
 	{
 		wait_until([&] { return !running(); }, timeout);
 		return status_ && WIFEXITED(*status_) ? WEXITSTATUS(*status_) : -1;
@@ -181,5 +153,16 @@ private:
 	pid_t pid_ = -1;
 	std::optional<int> status_;
 };
+
+// Exit status of the shell command `cmd` (-1: it did not exit normally).
+inline int run(const std::string &cmd) { return child_process({"sh", "-c", cmd}).exit_status(); }
+
+// Standard output of the shell command `cmd`.
+inline std::string output_of(const std::string &cmd)
+{
+	child_process p({"sh", "-c", cmd});
+	p.exit_status();
+	return p.out();
+}
 
 }  // namespace testutil

@@ -30,6 +30,7 @@
 #include "netns.h"
 #include "reflector.h"
 #include "sbfd_probe.h"
+#include "shmstat.h"
 #include "testutil.h"
 #include "unique_fd.h"
 
@@ -41,45 +42,6 @@ constexpr const char *DAEMON_IP = "192.0.2.1";
 constexpr const char *INITIATOR_IP = "192.0.2.2";
 constexpr std::uint32_t DAEMON_IP_H = 0xc0000201;     // 192.0.2.1
 constexpr std::uint32_t INITIATOR_IP_H = 0xc0000202;  // 192.0.2.2
-
-// The daemon's shared store mapped by its path as an outside reader maps
-// it, read-only; `create` makes it (0644) and maps it writable. Reads as
-// all zeros when it cannot be mapped, so that a test fails instead of
-// crashing before its clean-up.
-class store_view {
-public:
-	explicit store_view(const std::string &path, bool create = false)
-	{
-		unique_fd fd{open(path.c_str(), create ? O_RDWR | O_CREAT : O_RDONLY, 0644)};
-		if (fd.get() < 0 || (create && ftruncate(fd.get(), SHM_SIZE) != 0))
-			return;
-		void *p = mmap(nullptr, SHM_SIZE, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd.get(), 0);
-		if (p != MAP_FAILED)
-			store_ = static_cast<reflector_shm *>(p);
-	}
-	~store_view()
-	{
-		if (store_)
-			munmap(store_, SHM_SIZE);
-	}
-	store_view(const store_view &) = delete;
-	store_view &operator=(const store_view &) = delete;
-
-	bool ok() const { return store_ != nullptr; }
-	reflector_shm *operator->() const { return store_ ? store_ : &none_; }
-	// The slot in use for (initiator discriminator, address), or null.
-	const reflector_session *session(std::uint32_t disc, std::uint32_t ip_h) const
-	{
-		for (const auto &s : (*this)->sessions)
-			if (s.discriminator == disc && s.source_ip == htonl(ip_h))
-				return &s;
-		return nullptr;
-	}
-
-private:
-	reflector_shm *store_ = nullptr;
-	static inline reflector_shm none_{};
-};
 
 // True once process `pid` has bound its netlink control port (protocol 2,
 // NETLINK_USERSOCK, port = pid): the daemon's last step of start-up.
@@ -268,6 +230,14 @@ protected:
 		ASSERT_TRUE(b->start(disc, min_rx, extra)) << "daemon not ready: " << b->daemon().out() << b->daemon().err();
 		ini.emplace(*b);
 		ASSERT_TRUE(ini->ok()) << "initiator sockets";
+	}
+	// A copy of the daemon's store, read as orvalindwarden-stat reads it.
+	reflector_shm store()
+	{
+		auto snap = std::make_unique<shmstat_snapshot>();
+		std::string err;
+		EXPECT_EQ(shmstat_read(b->shm_name(), snap.get(), &err), SHMSTAT_OK) << err;
+		return snap->store;
 	}
 	// The reply to a request from `my_disc` to `your_disc`, if any.
 	std::optional<reply> ask(std::uint32_t my_disc, std::uint32_t your_disc,

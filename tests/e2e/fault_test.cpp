@@ -37,8 +37,8 @@ protected:
 		const auto r = l.join();
 		EXPECT_EQ(std::tuple(r.wrong, r.duplicate), std::tuple(0u, 0u));
 		EXPECT_EQ(r.answered, r.sent) << "every valid request answered";
-		e2e::store_view shm(b->shm_path());
-		EXPECT_EQ(shm->tx_sends, shm->rx_valid_pkts);
+		const reflector_shm shm = store();
+		EXPECT_EQ(shm.tx_sends, shm.rx_valid_pkts);
 		EXPECT_TRUE(b->daemon().running());
 	}
 };
@@ -50,13 +50,13 @@ struct store_copy {
 	std::map<std::pair<std::uint32_t, std::uint32_t>, std::uint64_t> sessions;
 };
 
-store_copy copy_of(const e2e::store_view &v)
+store_copy copy_of(const reflector_shm &v)
 {
 	store_copy c;
 	for (const auto &k : SHMSTAT_COUNTERS)
 		if (k.group != shmstat_group::hash)
-			c.counters[k.name] = shmstat_counter_value(k, *v.operator->());
-	for (const auto &s : v->sessions)
+			c.counters[k.name] = shmstat_counter_value(k, v);
+	for (const auto &s : v.sessions)
 		if (s.discriminator)
 			c.sessions[{s.discriminator, s.source_ip}] = s.num_received;
 	return c;
@@ -78,7 +78,7 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 		EXPECT_GT(r.answered, 0u);
 		EXPECT_EQ(r.wrong, 0u);
 	}
-	const store_copy killed = copy_of(e2e::store_view(b->shm_path()));
+	const store_copy killed = copy_of(store());
 	ASSERT_EQ(killed.sessions.size(), SESSIONS);
 	// Every counted request was answered, except at most the one the kill
 	// fell into (counted valid, not yet sent).
@@ -86,14 +86,14 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 
 	start(DISC, MIN_RX, {"-S"});
 	ASSERT_NE(b->daemon_pid(), first);
-	const store_copy restored = copy_of(e2e::store_view(b->shm_path()));
+	const store_copy restored = copy_of(store());
 	EXPECT_EQ(restored.counters, killed.counters) << "taking the store up changes nothing";
 	EXPECT_EQ(restored.sessions, killed.sessions);
 	const auto r = load(2000, ms(500));
 	EXPECT_EQ(r.answered, r.sent);
 	EXPECT_EQ(r.wrong, 0u);
 
-	store_copy now = copy_of(e2e::store_view(b->shm_path()));
+	store_copy now = copy_of(store());
 	for (auto [name, value] : killed.counters)
 		EXPECT_GE(now.counters[name], value) << name << " went back";
 	EXPECT_EQ(now.counters["rx_valid_pkts"] - killed.counters.at("rx_valid_pkts"), r.sent) << "every request counted";
@@ -146,7 +146,7 @@ TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 	});
 	EXPECT_GT(flooded, 5000u);
 	// Frames may be lost to a full socket buffer, but none is counted twice.
-	EXPECT_LE(e2e::store_view(b->shm_path())->rx_drops, flooded);
+	EXPECT_LE(store().rx_drops, flooded);
 }
 
 TEST_F(FaultInNamespace, NetlinkGarbageAndAControlMessageEveryMillisecondChangeNoReply)
@@ -201,7 +201,7 @@ TEST_F(FaultInNamespace, ThousandsOfIgnoredSignalsChangeNothingButTheTrace)
 			std::this_thread::sleep_for(std::chrono::microseconds(500));
 	});
 	EXPECT_GT(signals, 3000u);
-	EXPECT_EQ(e2e::store_view(b->shm_path())->rx_drops, 0u);
+	EXPECT_EQ(store().rx_drops, 0u);
 	const std::string t = b->trace();
 	EXPECT_NE(t.find("Got SIG43 but ignore"), std::string::npos);
 	EXPECT_NE(t.find("TX: Send 24 bytes back to initiator"), std::string::npos);

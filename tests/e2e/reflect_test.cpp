@@ -4,6 +4,8 @@
 // must drop; and the shared store and trace agreeing with what was sent.
 #include <sys/stat.h>
 
+#include <map>
+
 #include "e2e/e2eutil.h"
 
 namespace {
@@ -70,17 +72,20 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredWithEveryField)
 	ASSERT_EQ(stat(b->shm_path().c_str(), &st), 0);
 	EXPECT_EQ(st.st_size, static_cast<off_t>(SHM_SIZE));
 	EXPECT_EQ(st.st_mode & 0777, 0644u);
-	e2e::store_view shm(b->shm_path());
-	ASSERT_TRUE(shm.ok());
-	ASSERT_TRUE(testutil::wait_until([&] { return shm->tx_sends == 3; }));
-	EXPECT_EQ(std::tuple(shm->rx_valid_pkts, shm->rx_drops), std::tuple(3u, 0u));
-	const reflector_session *s1 = shm.session(1001, e2e::INITIATOR_IP_H), *s2 = shm.session(2002, e2e::INITIATOR_IP_H);
-	ASSERT_TRUE(s1 && s2);
-	EXPECT_EQ(std::tuple(s1->source_port, s1->state, s1->prev_state, s1->num_received, s1->num_sent),
+	ASSERT_TRUE(testutil::wait_until([&] { return store().tx_sends == 3; }));
+	const reflector_shm shm = store();
+	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.rx_drops), std::tuple(3u, 0u));
+	std::map<std::uint32_t, reflector_session> by_disc;
+	for (const auto &s : shm.sessions)
+		if (s.discriminator && s.source_ip == htonl(e2e::INITIATOR_IP_H))
+			by_disc[s.discriminator] = s;
+	ASSERT_EQ(by_disc.size(), 2u);
+	const reflector_session &s1 = by_disc[1001], &s2 = by_disc[2002];
+	EXPECT_EQ(std::tuple(s1.source_port, s1.state, s1.prev_state, s1.num_received, s1.num_sent),
 		  std::tuple(ini->port(), BFD_STATE_UP, BFD_STATE_DOWN, 2u, 2u));
-	EXPECT_EQ(std::tuple(s1->desired_min_tx, s1->required_min_rx, s1->required_min_echo_rx, s1->detect_multiplier),
+	EXPECT_EQ(std::tuple(s1.desired_min_tx, s1.required_min_rx, s1.required_min_echo_rx, s1.detect_multiplier),
 		  std::tuple(123456u, 7u, 99u, 4));
-	EXPECT_EQ(std::tuple(s2->num_received, s2->state), std::tuple(1u, BFD_STATE_DOWN));
+	EXPECT_EQ(std::tuple(s2.num_received, s2.state), std::tuple(1u, BFD_STATE_DOWN));
 
 	// The trace tells the same story.
 	const std::string port = std::to_string(ini->port());
@@ -127,9 +132,8 @@ TEST_F(ReflectInNamespace, FramesTheFiltersRejectDrawNoReplyAndCountNothing)
 	ASSERT_TRUE(r);
 	EXPECT_EQ(ntohl(r->pkt.your_disc), 3003u);
 	EXPECT_FALSE(ini->capture(std::chrono::milliseconds(300))) << "a filtered frame was answered";
-	e2e::store_view shm(b->shm_path());
-	ASSERT_TRUE(shm.ok());
-	EXPECT_EQ(std::tuple(shm->rx_valid_pkts, shm->rx_drops, shm->unsupported), std::tuple(1u, 0u, 0u));
+	const reflector_shm shm = store();
+	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.rx_drops, shm.unsupported), std::tuple(1u, 0u, 0u));
 }
 
 }  // namespace

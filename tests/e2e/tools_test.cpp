@@ -49,8 +49,7 @@ TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReplyAndANewSourceRebinds)
 	EXPECT_EQ(std::tuple(ntohl(reply->pkt.my_disc), ntohl(reply->pkt.min_rx_interval)), std::tuple(200u, 5000u));
 	EXPECT_EQ(std::tuple(bfd_state_of(reply->pkt), bfd_diag(reply->pkt)), std::tuple(BFD_STATE_ADMIN_DOWN, BFD_DIAG_ADMIN_DOWN));
 	EXPECT_FALSE(ask(555, 100, std::chrono::milliseconds(300))) << "the old discriminator is someone else's now";
-	e2e::store_view shm(b->shm_path());
-	EXPECT_TRUE(testutil::wait_until([&] { return shm->your_disc_unmatch == 1; }));
+	EXPECT_TRUE(testutil::wait_until([&] { return store().your_disc_unmatch == 1; }));
 
 	// Up again, from a new address of the daemon's namespace.
 	ASSERT_EQ(testutil::run("ip -n " + b->ns_d() + " addr add 192.0.2.3/24 dev vd0"), 0);
