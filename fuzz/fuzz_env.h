@@ -20,7 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <filesystem>
 
 #include "reflector.h"
 #include "trace.h"
@@ -30,76 +30,46 @@ namespace fuzz_env {
 constexpr std::uint32_t OUR_DISC = 0x0A0B0C0D;  // host order; frames' Your Discriminator to pass
 constexpr std::uint32_t OUR_MIN_RX = 50000;     // us
 
-inline std::string &trace_dir()
-{
-	static std::string d;
-	return d;
-}
+inline char trace_dir[64];
 
-inline void remove_trace_dir()
+// Ends the process with `what` and errno: a fuzz run without its world would
+// test nothing or send real packets.
+inline void require(bool ok, const char *what)
 {
-	if (!trace_dir().empty()) {
-		std::string cmd = "rm -rf '" + trace_dir() + "'";
-		if (std::system(cmd.c_str()) != 0)
-			std::fprintf(stderr, "fuzz: could not remove %s\n", trace_dir().c_str());
+	if (!ok) {
+		std::perror(what);
+		std::exit(1);
 	}
 }
 
-// Brings the loopback of the private namespace up: replies to 127.0.0.0/8
-// are then really sent, all others fail with ENETUNREACH (the retry path).
-inline bool loopback_up()
-{
-	int s = socket(AF_INET, SOCK_DGRAM, 0);
-	if (s < 0)
-		return false;
-	ifreq ifr{};
-	std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
-	bool ok = ioctl(s, SIOCGIFFLAGS, &ifr) == 0;
-	ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
-	ok = ok && ioctl(s, SIOCSIFFLAGS, &ifr) == 0;
-	close(s);
-	return ok;
-}
-
-// Everything above; exits the process with a message when the world cannot
-// be made (a fuzz run without it would test nothing or send real packets).
+// Everything above.
 inline reflector_vrf *setup()
 {
-	if (unshare(CLONE_NEWNET) != 0) {
-		std::perror("fuzz: unshare(CLONE_NEWNET) (needs root)");
-		std::exit(1);
-	}
-	if (!loopback_up()) {
-		std::perror("fuzz: loopback up");
-		std::exit(1);
-	}
+	require(unshare(CLONE_NEWNET) == 0, "fuzz: unshare(CLONE_NEWNET) (needs root)");
+	// The loopback up: replies to 127.0.0.0/8 are then really sent, all
+	// others fail with ENETUNREACH (the retry path).
+	const int s = socket(AF_INET, SOCK_DGRAM, 0);
+	ifreq ifr{};
+	std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
+	require(s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0, "fuzz: loopback flags");
+	ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
+	require(ioctl(s, SIOCSIFFLAGS, &ifr) == 0 && close(s) == 0, "fuzz: loopback up");
 	// Any address may be bound: a control message can name any source.
 	FILE *f = std::fopen("/proc/sys/net/ipv4/ip_nonlocal_bind", "w");
-	if (f == nullptr || std::fputs("1", f) < 0 || std::fclose(f) != 0) {
-		std::perror("fuzz: ip_nonlocal_bind");
-		std::exit(1);
-	}
+	require(f != nullptr && std::fputs("1", f) >= 0 && std::fclose(f) == 0, "fuzz: ip_nonlocal_bind");
 
-	char tmpl[64];
-	std::snprintf(tmpl, sizeof tmpl, "/tmp/orvfuzz-%d-XXXXXX", static_cast<int>(getpid()));
-	if (mkdtemp(tmpl) == nullptr) {
-		std::perror("fuzz: mkdtemp");
-		std::exit(1);
-	}
-	trace_dir() = tmpl;
-	std::atexit(remove_trace_dir);
-	setenv("BREVLOG_DIR", tmpl, 1);
+	std::snprintf(trace_dir, sizeof trace_dir, "/tmp/orvfuzz-%d-XXXXXX", static_cast<int>(getpid()));
+	require(mkdtemp(trace_dir) != nullptr, "fuzz: mkdtemp");
+	std::atexit([] {
+		std::error_code ec;
+		std::filesystem::remove_all(trace_dir, ec);
+	});
+	setenv("BREVLOG_DIR", trace_dir, 1);
 	bl_handle = bl_initialize_handle(TRACE_FILE_NAME, TRACE_LEVEL_SIZES);
-	if (!bl_isInitialized(bl_handle)) {
-		std::perror("fuzz: trace handle");
-		std::exit(1);
-	}
+	require(bl_isInitialized(bl_handle), "fuzz: trace handle");
 
 	void *p = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-	if (p == MAP_FAILED) {
-		std::perror("fuzz: mmap");
-		std::exit(1);
-	}
+	require(p != MAP_FAILED, "fuzz: mmap");
 	reflector_cfg = reflector_config{};
 	reflector_cfg.discriminator = htonl(OUR_DISC);
 	reflector_cfg.minRx = OUR_MIN_RX;
@@ -111,10 +81,7 @@ inline reflector_vrf *setup()
 		list_init(&h);
 	list_init(&vrf->sess_cache);
 	list_init(&vrf->free_list);
-	if (session_table_setup(vrf) != 0 || init_out_socket(vrf) != INIT_OK) {
-		std::fprintf(stderr, "fuzz: session table or transmit socket\n");
-		std::exit(1);
-	}
+	require(session_table_setup(vrf) == 0 && init_out_socket(vrf) == INIT_OK, "fuzz: session table or transmit socket");
 	return vrf;
 }
 
