@@ -84,7 +84,7 @@ TEST_F(InitInNamespace, NetnsSocketAtMakesTheSocketThereAndReturnsHome)
 {
 	struct stat before {}, after {};
 	stat("/proc/self/ns/net", &before);
-	unique_fd inside{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, b->ns_d().c_str())};
+	unique_fd inside{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns_d.c_str())};
 	ASSERT_GE(inside.get(), 0) << std::strerror(errno);
 	stat("/proc/self/ns/net", &after);
 	EXPECT_EQ(after.st_ino, before.st_ino);
@@ -95,7 +95,7 @@ TEST_F(InitInNamespace, NetnsSocketAtMakesTheSocketThereAndReturnsHome)
 	EXPECT_EQ(bind(inside.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << std::strerror(errno);
 	EXPECT_NE(bind(here.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0);
 	errno = 0;
-	EXPECT_EQ(netnsSocketAt(AF_MAX + 1, SOCK_DGRAM, 0, b->ns_d().c_str()), -1);
+	EXPECT_EQ(netnsSocketAt(AF_MAX + 1, SOCK_DGRAM, 0, ns_d.c_str()), -1);
 	EXPECT_EQ(errno, EAFNOSUPPORT);
 }
 
@@ -159,10 +159,10 @@ using DaemonInNamespace = e2e::E2eTest;
 
 TEST_F(DaemonInNamespace, UnownedSourceAddressExitsWith255)
 {
-	EXPECT_FALSE(b->spawn({"-d", "7", "-p", "198.51.100.77", "-r", "1000"}));
-	EXPECT_EQ(b->daemon().exit_status(), 255);
-	EXPECT_EQ(b->daemon().out(), "");
-	const std::string t = b->trace();
+	EXPECT_FALSE(spawn({"-d", "7", "-p", "198.51.100.77", "-r", "1000"}));
+	EXPECT_EQ(daemon->exit_status(), 255);
+	EXPECT_EQ(daemon->out(), "");
+	const std::string t = trace();
 	for (const char *msg : {"ERROR: bind() result -1, errno 99", "ERROR: reflector initialization failed",
 				"ERROR: VRF init failed"})
 		EXPECT_NE(t.find(msg), std::string::npos) << msg << "\n" << t;

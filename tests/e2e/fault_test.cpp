@@ -24,12 +24,12 @@ using ms = std::chrono::milliseconds;
 
 class FaultInNamespace : public e2e::E2eTest {
 protected:
-	e2e::load::result load(std::uint32_t rate, ms d) { return e2e::load(*b, DISC, MIN_RX, rate, d, SESSIONS).join(); }
+	e2e::load::result load(std::uint32_t rate, ms d) { return e2e::load(ns_i, DISC, MIN_RX, rate, d, SESSIONS).join(); }
 	// Runs `harm(i)` for i = 0, 1, ... on this thread while the load runs;
 	// every request must get one right reply, every one counted and sent.
 	template <typename F> void expect_clean_under_load(std::uint32_t rate, ms d, F harm)
 	{
-		e2e::load l(*b, DISC, MIN_RX, rate, d, SESSIONS);
+		e2e::load l(ns_i, DISC, MIN_RX, rate, d, SESSIONS);
 		ASSERT_TRUE(l.ok());
 		const auto end = std::chrono::steady_clock::now() + d;
 		for (std::uint64_t i = 0; std::chrono::steady_clock::now() < end; i++)
@@ -39,7 +39,7 @@ protected:
 		EXPECT_EQ(r.answered, r.sent) << "every valid request answered";
 		const reflector_shm shm = store();
 		EXPECT_EQ(shm.tx_sends, shm.rx_valid_pkts);
-		EXPECT_TRUE(b->daemon().running());
+		EXPECT_TRUE(daemon->running());
 	}
 };
 
@@ -67,13 +67,13 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 	start(DISC, MIN_RX);
 	auto warm = load(2000, ms(300));  // every session exists before the kill
 	ASSERT_EQ(warm.answered, warm.sent);
-	const pid_t first = b->daemon_pid();
+	const pid_t first = daemon->pid();
 	{
-		e2e::load busy(*b, DISC, MIN_RX, 5000, ms(2000), SESSIONS);
+		e2e::load busy(ns_i, DISC, MIN_RX, 5000, ms(2000), SESSIONS);
 		ASSERT_TRUE(busy.ok());
 		std::this_thread::sleep_for(ms(1000));
 		ASSERT_EQ(kill(first, SIGKILL), 0);
-		ASSERT_TRUE(testutil::wait_until([&] { return !b->daemon().running(); }));
+		ASSERT_TRUE(testutil::wait_until([&] { return !daemon->running(); }));
 		const auto r = busy.join();
 		EXPECT_GT(r.answered, 0u);
 		EXPECT_EQ(r.wrong, 0u);
@@ -85,7 +85,7 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 	EXPECT_LE(killed.counters.at("rx_valid_pkts") - killed.counters.at("tx_sends") - killed.counters.at("sendto_fail"), 1u);
 
 	start(DISC, MIN_RX, {"-S"});
-	ASSERT_NE(b->daemon_pid(), first);
+	ASSERT_NE(daemon->pid(), first);
 	const store_copy restored = copy_of(store());
 	EXPECT_EQ(restored.counters, killed.counters) << "taking the store up changes nothing";
 	EXPECT_EQ(restored.sessions, killed.sessions);
@@ -102,10 +102,10 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 		EXPECT_GT(now.sessions[key], received);
 
 	// The killed run's trace is the previous generation, readable to its end.
-	const std::string old = b->trace(".1");
+	const std::string old = trace(".1");
 	EXPECT_NE(old.find("INIT: orvalindwarden ready"), std::string::npos);
 	EXPECT_NE(old.find("TX: Send 24 bytes back to initiator"), std::string::npos);
-	EXPECT_NE(b->trace().find("INIT: orvalindwarden ready"), std::string::npos);
+	EXPECT_NE(trace().find("INIT: orvalindwarden ready"), std::string::npos);
 }
 
 TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
@@ -122,7 +122,7 @@ TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 		b[1] = byte1;
 		return b;
 	};
-	const frame_spec s = ini->shape();
+	const frame_spec s = shape();
 	frame_spec tcp = s, two = s, from7784 = s;
 	tcp.labels = {0};
 	tcp.ip_proto = 6;
@@ -140,7 +140,7 @@ TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 
 	std::uint64_t flooded = 0;
 	expect_clean_under_load(2000, ms(3000), [&](std::uint64_t i) {
-		flooded += ini->send_frame(bad[i % bad.size()]);
+		flooded += send_frame(bad[i % bad.size()]);
 		if (i % 4 == 3)
 			std::this_thread::sleep_for(std::chrono::microseconds(200));
 	});
@@ -152,11 +152,11 @@ TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 TEST_F(FaultInNamespace, NetlinkGarbageAndAControlMessageEveryMillisecondChangeNoReply)
 {
 	start(DISC, MIN_RX);
-	unique_fd nl{netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, b->ns_d().c_str())};
+	unique_fd nl{netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, ns_d.c_str())};
 	ASSERT_GE(nl.get(), 0);
 	sockaddr_nl to{};
 	to.nl_family = AF_NETLINK;
-	to.nl_pid = static_cast<std::uint32_t>(b->daemon_pid());
+	to.nl_pid = static_cast<std::uint32_t>(daemon->pid());
 	auto send_nl = [&](const std::uint8_t *p, std::size_t n) {
 		return sendto(nl.get(), p, n, 0, reinterpret_cast<sockaddr *>(&to), sizeof to) == static_cast<ssize_t>(n);
 	};
@@ -196,13 +196,13 @@ TEST_F(FaultInNamespace, ThousandsOfIgnoredSignalsChangeNothingButTheTrace)
 	start(DISC, MIN_RX);
 	std::uint64_t signals = 0;
 	expect_clean_under_load(3000, ms(3000), [&](std::uint64_t i) {
-		signals += kill(b->daemon_pid(), SIGRTMIN + 9) == 0;
+		signals += kill(daemon->pid(), SIGRTMIN + 9) == 0;
 		if (i % 4 == 3)
 			std::this_thread::sleep_for(std::chrono::microseconds(500));
 	});
 	EXPECT_GT(signals, 3000u);
 	EXPECT_EQ(store().rx_drops, 0u);
-	const std::string t = b->trace();
+	const std::string t = trace();
 	EXPECT_NE(t.find("Got SIG43 but ignore"), std::string::npos);
 	EXPECT_NE(t.find("TX: Send 24 bytes back to initiator"), std::string::npos);
 }

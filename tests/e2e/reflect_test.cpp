@@ -46,30 +46,30 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredWithEveryField)
 {
 	start(DISC, MIN_RX);
 	probe_params plain = request(1001);
-	ASSERT_TRUE(ini->send_udp(plain));
-	expect_reply(ini->capture(), plain, ini->port());
+	ASSERT_TRUE(send_udp(plain));
+	expect_reply(capture(), plain, port);
 
 	probe_params polled = request(1001);
 	polled.state = BFD_STATE_UP;
 	polled.poll = true;
-	ASSERT_TRUE(ini->send_udp(polled));
-	expect_reply(ini->capture(), polled, ini->port());
+	ASSERT_TRUE(send_udp(polled));
+	expect_reply(capture(), polled, port);
 
 	// Under label 0; the reply comes back as plain IPv4/UDP.
 	probe_params labelled = request(2002);
-	frame_spec s = ini->shape();
+	frame_spec s = shape();
 	s.labels = {0};
 	std::uint8_t req[BFD_PKT_LEN];
 	probe_encode_request(labelled, req);
-	ASSERT_TRUE(ini->send_frame(probe_frame_build(s, req)));
-	auto r = ini->capture();
-	expect_reply(r, labelled, ini->port());
+	ASSERT_TRUE(send_frame(probe_frame_build(s, req)));
+	auto r = capture();
+	expect_reply(r, labelled, port);
 	EXPECT_TRUE(r && r->v.label_entries.empty());
 
 	// The store, readable by others, holds both sessions; its counters move
 	// just after a reply is sent.
 	struct stat st {};
-	ASSERT_EQ(stat(b->shm_path().c_str(), &st), 0);
+	ASSERT_EQ(stat(("/dev/shm/" + shm_name()).c_str(), &st), 0);
 	EXPECT_EQ(st.st_size, static_cast<off_t>(SHM_SIZE));
 	EXPECT_EQ(st.st_mode & 0777, 0644u);
 	ASSERT_TRUE(testutil::wait_until([&] { return store().tx_sends == 3; }));
@@ -82,24 +82,24 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredWithEveryField)
 	ASSERT_EQ(by_disc.size(), 2u);
 	const reflector_session &s1 = by_disc[1001], &s2 = by_disc[2002];
 	EXPECT_EQ(std::tuple(s1.source_port, s1.state, s1.prev_state, s1.num_received, s1.num_sent),
-		  std::tuple(ini->port(), BFD_STATE_UP, BFD_STATE_DOWN, 2u, 2u));
+		  std::tuple(port, BFD_STATE_UP, BFD_STATE_DOWN, 2u, 2u));
 	EXPECT_EQ(std::tuple(s1.desired_min_tx, s1.required_min_rx, s1.required_min_echo_rx, s1.detect_multiplier),
 		  std::tuple(123456u, 7u, 99u, 4));
 	EXPECT_EQ(std::tuple(s2.num_received, s2.state), std::tuple(1u, BFD_STATE_DOWN));
 
 	// The trace tells the same story.
-	const std::string port = std::to_string(ini->port());
+	const std::string p = std::to_string(port);
 	std::string t;
 	for (const std::string &line : {std::string("INIT: Start SBFD Reflector with Discriminator: 195939070, sourceIp: "
 						    "192.0.2.1, minRx: 250000"),
 					std::string("INIT: orvalindwarden ready"),
 					"RX: Recvd discriminator is destined to this reflector. Recvd my_disc 1001, source_ip "
-					"192.0.2.2, source_port " + port + ", state 1, min_tx_interval 123456, detect_multiplier 4",
+					"192.0.2.2, source_port " + p + ", state 1, min_tx_interval 123456, detect_multiplier 4",
 					"TX: Send 24 bytes back to initiator. Sent my_disc " + std::to_string(DISC) +
-						", your_disc 2002, dst_ip 192.0.2.2, dst_port " + port + ", min_rx_interval 250000 state 3,"})
-		EXPECT_TRUE(testutil::wait_until([&] { return (t = b->trace()).find(line) != std::string::npos; }))
+						", your_disc 2002, dst_ip 192.0.2.2, dst_port " + p + ", min_rx_interval 250000 state 3,"})
+		EXPECT_TRUE(testutil::wait_until([&] { return (t = trace()).find(line) != std::string::npos; }))
 			<< line << "\n--- trace ---\n" << t;
-	EXPECT_EQ(b->daemon().out() + b->daemon().err(), "") << "nothing is printed once the command line is accepted";
+	EXPECT_EQ(daemon->out() + daemon->err(), "") << "nothing is printed once the command line is accepted";
 }
 
 TEST_F(ReflectInNamespace, FramesTheFiltersRejectDrawNoReplyAndCountNothing)
@@ -119,19 +119,19 @@ TEST_F(ReflectInNamespace, FramesTheFiltersRejectDrawNoReplyAndCountNothing)
 		{"labelled, another port", {0}, 3784, 0},
 	};
 	for (const auto &c : cases) {
-		frame_spec s = ini->shape();
+		frame_spec s = shape();
 		s.labels = c.labels;
 		s.dst_port = c.dst_port;
 		s.frag = c.frag;
-		ASSERT_TRUE(ini->send_frame(probe_frame_build(s, req))) << c.what;
+		ASSERT_TRUE(send_frame(probe_frame_build(s, req))) << c.what;
 	}
 	// A valid request last: once its reply is in, the daemon has had every
 	// frame before it; none of them may be answered or even counted.
-	ASSERT_TRUE(ini->send_frame(probe_frame_build(ini->shape(), req)));
-	auto r = ini->capture();
+	ASSERT_TRUE(send_frame(probe_frame_build(shape(), req)));
+	auto r = capture();
 	ASSERT_TRUE(r);
 	EXPECT_EQ(ntohl(r->pkt.your_disc), 3003u);
-	EXPECT_FALSE(ini->capture(std::chrono::milliseconds(300))) << "a filtered frame was answered";
+	EXPECT_FALSE(capture(std::chrono::milliseconds(300))) << "a filtered frame was answered";
 	const reflector_shm shm = store();
 	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.rx_drops, shm.unsupported), std::tuple(1u, 0u, 0u));
 }

@@ -32,8 +32,8 @@ protected:
 	// orvalindwarden-ctl at the bench's daemon, from here.
 	result ctl(const std::vector<std::string> &args)
 	{
-		std::vector<std::string> argv = {bin("orvalindwarden-ctl"), "--netns", b->ns_d(), "--pid",
-						 std::to_string(b->daemon_pid())};
+		std::vector<std::string> argv = {bin("orvalindwarden-ctl"), "--netns", ns_d, "--pid",
+						 std::to_string(daemon->pid())};
 		argv.insert(argv.end(), args.begin(), args.end());
 		return run_in("", argv);
 	}
@@ -52,7 +52,7 @@ TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReplyAndANewSourceRebinds)
 	EXPECT_TRUE(testutil::wait_until([&] { return store().your_disc_unmatch == 1; }));
 
 	// Up again, from a new address of the daemon's namespace.
-	ASSERT_EQ(testutil::run("ip -n " + b->ns_d() + " addr add 192.0.2.3/24 dev vd0"), 0);
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr add 192.0.2.3/24 dev vd0"), 0);
 	ASSERT_EQ(ctl({"-d", "200", "-r", "0", "-s", "192.0.2.3", "--admin-up"}).status, 0);
 	reply = ask(555, 200);
 	ASSERT_TRUE(reply) << "no reply after the source change";
@@ -63,14 +63,14 @@ TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReplyAndANewSourceRebinds)
 		<< "reply not from the new address, or without the socket's options";
 	// 198.51.100.9 is no address of the daemon's namespace.
 	ASSERT_EQ(ctl({"-d", "100", "-r", "1000", "-s", "198.51.100.9", "--admin-up"}).status, 0);
-	EXPECT_EQ(b->daemon().exit_status(), 0);
-	EXPECT_NE(b->trace().find("ERROR: outfd init failed, terminate to retry"), std::string::npos);
+	EXPECT_EQ(daemon->exit_status(), 0);
+	EXPECT_NE(trace().find("ERROR: outfd init failed, terminate to retry"), std::string::npos);
 }
 
 TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 {
 	start(4711, 40000);
-	const std::string ctl_bin = bin("orvalindwarden-ctl"), pid = std::to_string(b->daemon_pid());
+	const std::string ctl_bin = bin("orvalindwarden-ctl"), pid = std::to_string(daemon->pid());
 	const std::vector<std::string> set = {"-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"};
 	const struct {
 		std::vector<std::string> args;
@@ -84,7 +84,7 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 		{{"--pidfile", "/nonexistent/orv.pid"}, 1, "cannot read pid file"},
 	};
 	for (const auto &c : cases) {
-		std::vector<std::string> argv = {ctl_bin, "--netns", b->ns_d()};
+		std::vector<std::string> argv = {ctl_bin, "--netns", ns_d};
 		argv.insert(argv.end(), c.args.begin(), c.args.end());
 		if (c.status == 1)
 			argv.insert(argv.end(), set.begin(), set.end());
@@ -107,7 +107,7 @@ TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 	std::ofstream(dir.file("d.pid")) << pid << "\n";
 	argv = {ctl_bin, "--pidfile", dir.file("d.pid")};
 	argv.insert(argv.end(), set.begin(), set.end());
-	r = run_in(b->ns_d(), argv);
+	r = run_in(ns_d, argv);
 	EXPECT_EQ(r.status, 0) << r.out;
 	reply = ask(31, 9);
 	ASSERT_TRUE(reply);
@@ -120,7 +120,7 @@ TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
 	auto ping = [&](std::vector<std::string> args) {
 		args.insert(args.begin(), {bin("sbfd-ping"), "-c", "3", "-i", "0.1"});
 		args.push_back(e2e::DAEMON_IP);
-		return run_in(b->ns_i(), args);
+		return run_in(ns_i, args);
 	};
 	result r = ping({"--your-disc", "4711", "--my-disc", "77", "--poll"});
 	EXPECT_EQ(r.status, 0) << r.out;
@@ -135,7 +135,7 @@ TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
 	EXPECT_EQ(r.status, 0) << r.out;
 	EXPECT_TRUE(r.has("3 packets transmitted, 3 received")) << r.out;
 	int labelled = 0;
-	while (auto f = ini->capture(std::chrono::milliseconds(200), /*outgoing=*/true))
+	while (auto f = capture(std::chrono::milliseconds(200), /*outgoing=*/true))
 		labelled += f->v.ethertype == ETH_TYPE_MPLS && f->v.label_entries == std::vector<std::uint32_t>{0x140} &&
 			    f->v.dst_port == SBFD_PORT;
 	EXPECT_EQ(labelled, 3);
@@ -154,7 +154,7 @@ TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
 	for (const auto &c : cases) {
 		std::vector<std::string> argv = {bin("sbfd-ping")};
 		argv.insert(argv.end(), c.args.begin(), c.args.end());
-		r = run_in(b->ns_i(), argv);
+		r = run_in(ns_i, argv);
 		EXPECT_EQ(r.status, 2) << c.message << ": " << r.out;
 		EXPECT_TRUE(r.has(c.message)) << r.out;
 	}
@@ -168,7 +168,7 @@ TEST_F(ToolsInNamespace, StatShowsTheSessionsOfARunningDaemonInAllThreeFormats)
 	const std::string stat = bin("orvalindwarden-stat");
 
 	// Text, store chosen by --netns: the sessions, the latest first.
-	result r = run_in("", {stat, "--netns", b->nspath()}, {"NSPATH"});
+	result r = run_in("", {stat, "--netns", nspath()}, {"NSPATH"});
 	ASSERT_EQ(r.status, 0) << r.out;
 	const std::size_t first = r.out.find("4343  192.0.2.2:"), second = r.out.find("4242  192.0.2.2:");
 	ASSERT_NE(second, std::string::npos) << r.out;
@@ -176,10 +176,10 @@ TEST_F(ToolsInNamespace, StatShowsTheSessionsOfARunningDaemonInAllThreeFormats)
 	EXPECT_TRUE(r.has("Sessions in use: 2 of 512")) << r.out;
 
 	// JSON, store chosen by NSPATH as the daemon chose it.
-	r = run_in("", {stat, "--json"}, {"NSPATH=" + b->nspath()});
+	r = run_in("", {stat, "--json"}, {"NSPATH=" + nspath()});
 	ASSERT_EQ(r.status, 0) << r.out;
 	auto doc = nlohmann::json::parse(r.out);
-	EXPECT_EQ(doc["object"], b->shm_name());
+	EXPECT_EQ(doc["object"], shm_name());
 	EXPECT_EQ(doc["counters"]["rx_valid_pkts"], 3);
 	EXPECT_EQ(doc["counters"]["tx_sends"], 3);
 	ASSERT_EQ(doc["sessions_in_use"], 2);
@@ -189,7 +189,7 @@ TEST_F(ToolsInNamespace, StatShowsTheSessionsOfARunningDaemonInAllThreeFormats)
 	EXPECT_EQ(doc["sessions"][1]["tx_state"], "Up");
 
 	// Textfile metrics, store chosen by its object name.
-	r = run_in("", {stat, "--prometheus", "--object", b->shm_name()}, {"NSPATH"});
+	r = run_in("", {stat, "--prometheus", "--object", shm_name()}, {"NSPATH"});
 	ASSERT_EQ(r.status, 0) << r.out;
 	EXPECT_TRUE(r.has("orvalindwarden_session_received_total{discriminator=\"4242\",address=\"192.0.2.2\"} 2\n")) << r.out;
 	EXPECT_TRUE(r.has("# TYPE orvalindwarden_tx_sends_total counter\n")) << r.out;
