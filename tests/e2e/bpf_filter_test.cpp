@@ -6,8 +6,6 @@
 #include <linux/filter.h>
 #include <pcap/bpf.h>
 
-#include <cstring>
-
 #include "reflector.h"
 #include "sbfd_probe.h"
 
@@ -25,40 +23,29 @@ unsigned run(const sock_filter *prog, const std::vector<std::uint8_t> &f)
 			  static_cast<unsigned>(f.size()));
 }
 
+// Ethernet [labels] IPv4 UDP (or `proto`) to `port`, with `opts` bytes of options.
 std::vector<std::uint8_t> ipv4(std::vector<std::uint32_t> labels = {}, std::uint16_t port = SBFD_PORT,
 			       std::uint8_t proto = IP_PROTO_UDP, std::uint16_t frag = 0, std::size_t opts = 0)
 {
 	frame_spec s;
-	s.src_ip = 0xc0000202;
-	s.dst_ip = 0xc0000201;
-	s.src_port = 49152;
 	s.dst_port = port;
 	s.labels = std::move(labels);
 	s.ip_proto = proto;
 	s.frag = frag;
 	s.ip_options.assign(opts, 1);
-	std::uint8_t payload[BFD_PKT_LEN] = {0x20, 0x42, 3, 24};
-	return probe_frame_build(s, payload);
+	return probe_frame_build(s, std::vector<std::uint8_t>(BFD_PKT_LEN));
 }
 
 // Ethernet [label 0] IPv6 (no extension headers) with `next` and a
-// destination port.
+// destination port: an IPv4 frame whose 40-byte header is rewritten.
 std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t port)
 {
-	std::vector<std::uint8_t> f(ETH_HDR_LEN + (labelled ? 4 : 0) + 40 + 8 + BFD_PKT_LEN, 0);
-	std::size_t ip = ETH_HDR_LEN;
-	if (labelled) {
-		f[12] = 0x88, f[13] = 0x47;
-		f[16] = 0x01, f[17] = 0x40;  // label 0, bottom of stack, TTL 64
-		ip += 4;
-	} else {
+	auto f = ipv4(labelled ? std::vector<std::uint32_t>{0} : std::vector<std::uint32_t>{}, port, IP_PROTO_UDP, 0, 20);
+	const std::size_t ip = ETH_HDR_LEN + (labelled ? 4 : 0);
+	if (!labelled)
 		f[12] = 0x86, f[13] = 0xdd;
-	}
 	f[ip] = 0x60;
 	f[ip + 6] = next;
-	f[ip + 7] = 64;
-	f[ip + 40 + 2] = static_cast<std::uint8_t>(port >> 8);
-	f[ip + 40 + 3] = static_cast<std::uint8_t>(port);
 	return f;
 }
 
