@@ -111,49 +111,41 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 	}
 }
 
+// What end-to-end tests do not see: the fields only the store keeps, the
+// gaps between requests and the time of the last state change.
 TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 {
 	harness h;
 	h.setup_table();
 	const reflector_session &s = h.shm()->sessions[511];  // the first session takes the highest slot
+	auto us = [](const shm_timestamp &t) { return t.tv_sec * 1000000 + t.tv_nsec / 1000; };
 	request r;
 	r.diag = 3;
 	r.flags = BFD_FLAG_D | BFD_FLAG_P | BFD_FLAG_F;
-	r.detect_mult = 7;
 	h.feed(h.frame(r));
-	EXPECT_EQ(std::tuple(s.discriminator, s.source_ip, s.source_port, s.your_disc),
-		  std::tuple(0x11223344u, ip("127.0.0.1"), h.receiver_port, OUR_DISC));
-	EXPECT_EQ(std::tuple(s.desired_min_tx, s.required_min_rx, s.required_min_echo_rx), std::tuple(100000u, 200000u, 300000u));
-	EXPECT_EQ(std::vector<int>({s.detect_multiplier, s.state, s.prev_state, s.diag, s.version, s.demand, s.final, s.poll,
-				    s.length}),
-		  std::vector<int>({7, BFD_STATE_DOWN, 0, 3, 1, 1, 1, 1, 24}));
-	EXPECT_EQ(std::tuple(s.num_received, s.min_period, s.max_period, s.period_sum), std::tuple(1u, 0u, 0u, 0u));
-	EXPECT_NE(s.last_rx.tv_sec, 0);
-	EXPECT_EQ(s.last_state_change.tv_nsec, s.last_rx.tv_nsec);
-	const shm_timestamp first_rx = s.last_rx;
+	EXPECT_EQ(std::vector<std::uint64_t>({s.your_disc, s.diag, s.version, s.demand, s.final, s.poll, s.length, s.prev_state,
+					      s.num_received, s.min_period, s.max_period, s.period_sum}),
+		  std::vector<std::uint64_t>({OUR_DISC, 3, 1, 1, 1, 1, 24, 0, 1, 0, 0, 0}));
+	EXPECT_EQ(us(s.last_state_change), us(s.last_rx));
+	const shm_timestamp first = s.last_rx;
 
 	std::this_thread::sleep_for(std::chrono::milliseconds(30));
-	r.min_tx = 7;
 	r.flags = BFD_FLAG_D;
 	h.feed(h.frame(r));
-	EXPECT_EQ(std::tuple(s.num_received, s.desired_min_tx, s.poll), std::tuple(2u, 7u, 0));
+	EXPECT_EQ(std::tuple(s.num_received, s.poll, s.max_period, s.period_sum), std::tuple(2u, 0, s.min_period, s.min_period));
 	EXPECT_GE(s.min_period, 30000u);
 	EXPECT_LT(s.min_period, 2000000u);
-	EXPECT_EQ(s.min_period, s.max_period);
-	EXPECT_EQ(s.period_sum, s.min_period);
-	EXPECT_EQ(s.last_state_change.tv_nsec, first_rx.tv_nsec) << "no state change yet";
+	EXPECT_EQ(us(s.last_state_change), us(first)) << "no state change yet";
 
 	// Down, Down, then Up: the change is recorded at the third request only.
 	r.state = BFD_STATE_UP;
 	h.feed(h.frame(r));
 	EXPECT_EQ(std::tuple(s.prev_state, s.state), std::tuple(BFD_STATE_DOWN, BFD_STATE_UP));
-	EXPECT_EQ(std::tuple(s.last_state_change.tv_sec, s.last_state_change.tv_nsec), std::tuple(s.last_rx.tv_sec, s.last_rx.tv_nsec));
-	const shm_timestamp third = s.last_state_change;
+	const shm_timestamp third = s.last_rx;
+	EXPECT_EQ(us(s.last_state_change), us(third));
 	h.feed(h.frame(r));
-	EXPECT_EQ(s.last_state_change.tv_nsec, third.tv_nsec);
-	EXPECT_EQ(s.num_received, 4u);
-	auto us = [](const shm_timestamp &t) { return t.tv_sec * 1000000 + t.tv_nsec / 1000; };
-	EXPECT_EQ(static_cast<std::int64_t>(s.period_sum), us(s.last_rx) - us(first_rx));
+	EXPECT_EQ(us(s.last_state_change), us(third));
+	EXPECT_EQ(static_cast<std::int64_t>(s.period_sum), us(s.last_rx) - us(first));
 	EXPECT_LE(s.min_period, s.max_period);
 }
 
@@ -163,11 +155,9 @@ TEST(Reply, FieldsAreReflectedFromTheRequest)
 		const char *name;
 		std::uint8_t admin, flags_in, flags_out, state_out, diag_out, length;
 	} cases[] = {
-		{"Up, D cleared", 0, BFD_FLAG_D, 0, BFD_STATE_UP, 0, 24},
 		{"P becomes F", 0, BFD_FLAG_D | BFD_FLAG_P, BFD_FLAG_F, BFD_STATE_UP, 0, 24},
 		{"F kept", 0, BFD_FLAG_D | BFD_FLAG_F, BFD_FLAG_F, BFD_STATE_UP, 0, 24},
 		{"C and M kept", 0, BFD_FLAG_D | BFD_FLAG_C | BFD_FLAG_M, BFD_FLAG_C | BFD_FLAG_M, BFD_STATE_UP, 0, 24},
-		{"adminDown", 1, BFD_FLAG_D, 0, BFD_STATE_ADMIN_DOWN, 7, 24},
 		{"adminDown 2 acts as down", 2, BFD_FLAG_D, 0, BFD_STATE_ADMIN_DOWN, 7, 24},
 		{"A bit with Length 28 still sends 24 bytes", 0, BFD_FLAG_D | BFD_FLAG_A, BFD_FLAG_A, BFD_STATE_UP, 0, 28},
 	};
@@ -272,11 +262,9 @@ TEST(Report, ThinsByTheTotalOfDroppedAndValidPackets)
 			continue;
 		}
 		ASSERT_EQ(lines.size(), 4u + 2u * static_cast<unsigned>(c.sessions));
-		EXPECT_EQ(lines[0].rfind("GLOBAL STATS: rx_drops " + std::to_string(c.drops) + ", rx_valid_pkts " +
-						 std::to_string(c.valid) + ", tx_sends 0, cache_cnt 3, ",
-					 0),
-			  0u)
-			<< lines[0];
+		const std::string global = "GLOBAL STATS: rx_drops " + std::to_string(c.drops) + ", rx_valid_pkts " +
+					   std::to_string(c.valid) + ", tx_sends 0, cache_cnt 3, ";
+		EXPECT_EQ(lines[0].rfind(global, 0), 0u) << lines[0];
 		const std::uint64_t total = c.drops + c.valid;
 		EXPECT_EQ(lines[3], "SESSION STATS (up to " + std::to_string(total > 10 ? 1 : total) + " sessions):");
 		EXPECT_EQ(lines[4].rfind("SESSION STATS-RX: discriminator 3, source_ip 192.0.2.1,", 0), 0u);
