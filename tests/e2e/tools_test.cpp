@@ -10,6 +10,7 @@
 namespace {
 
 using e2e::bin;
+using e2e::ms;
 
 struct result {
 	int status;
@@ -70,48 +71,38 @@ TEST_F(ToolsInNamespace, ControlMessagesShowInTheNextReplyAndANewSourceRebinds)
 TEST_F(ToolsInNamespace, CtlRefusesBadInputAndReportsAnAbsentDaemon)
 {
 	start(4711, 40000);
-	const std::string ctl_bin = bin("orvalindwarden-ctl"), pid = std::to_string(daemon->pid());
-	const std::vector<std::string> set = {"-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"};
-	const struct {
-		std::vector<std::string> args;
-		int status;
-		const char *message;
-	} cases[] = {
-		{{"--pid", pid, "-d", "9", "-r", "1", "-s", "192.0.2.256", "--admin-up"}, 2, "not an IPv4 address"},
-		{{"--pid", pid, "-d", "9", "-r", "1", "--admin-up"}, 2, "missing --source"},
-		{{"--pid", pid, "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up", "--admin-down"}, 2, "exclude each other"},
-		{{"--pid", std::to_string(getpid())}, 1, "no netlink control port"},  // the test has none
-		{{"--pidfile", "/nonexistent/orv.pid"}, 1, "cannot read pid file"},
-	};
-	for (const auto &c : cases) {
-		std::vector<std::string> argv = {ctl_bin, "--netns", ns_d};
-		argv.insert(argv.end(), c.args.begin(), c.args.end());
-		if (c.status == 1)
-			argv.insert(argv.end(), set.begin(), set.end());
-		const result r = run_in("", argv);
-		EXPECT_EQ(r.status, c.status) << c.message << ": " << r.out;
-		EXPECT_TRUE(r.has(c.message)) << r.out;
-	}
-	// The daemon's port lives in its namespace: from ours it is not there.
-	std::vector<std::string> argv = {ctl_bin, "--pid", pid};
-	argv.insert(argv.end(), set.begin(), set.end());
-	result r = run_in("", argv);
-	EXPECT_EQ(r.status, 1) << r.out;
-	EXPECT_TRUE(r.has("another network namespace")) << r.out;
-	auto reply = ask(31, 4711);
-	ASSERT_TRUE(reply) << "none of that reached the daemon";
-	EXPECT_EQ(ntohl(reply->pkt.min_rx_interval), 40000u);
-
-	// Found through a pid file, inside the daemon's namespace.
+	const std::string pid = std::to_string(daemon->pid()), here = std::to_string(getpid());
 	testutil::temp_dir dir("orvctl");
 	std::ofstream(dir.file("d.pid")) << pid << "\n";
-	argv = {ctl_bin, "--pidfile", dir.file("d.pid")};
-	argv.insert(argv.end(), set.begin(), set.end());
-	r = run_in(ns_d, argv);
-	EXPECT_EQ(r.status, 0) << r.out;
-	reply = ask(31, 9);
-	ASSERT_TRUE(reply);
-	EXPECT_EQ(ntohl(reply->pkt.my_disc), 9u);
+	const struct {
+		std::vector<std::string> args;  // before -d 9 -r 1 -s 192.0.2.1 --admin-up
+		int status;
+		const char *message;  // in its output; null: none
+	} cases[] = {
+		{{"--netns", ns_d, "--pid", pid, "-s", "192.0.2.256"}, 2, "not an IPv4 address"},
+		{{"--netns", ns_d, "--pid", pid, "--admin-down"}, 2, "exclude each other"},
+		{{"--netns", ns_d, "--pid", here}, 1, "no netlink control port"},  // the test has none
+		{{"--netns", ns_d, "--pid", "4194305"}, 1, "no process with pid 4194305"},  // above any pid
+		{{"--netns", "orvtest-none", "--pid", pid}, 1, "netlink socket in namespace orvtest-none"},
+		{{"--netns", ns_d, "--pidfile", "/nonexistent/orv.pid"}, 1, "cannot read pid file"},
+		{{"--pid", pid}, 1, "another network namespace"},  // the daemon's port is not in ours
+		{{"--netns", ns_d, "--pidfile", dir.file("d.pid"), "-d", "5"}, 0, nullptr},
+	};
+	for (const auto &c : cases) {
+		std::vector<std::string> argv = {bin("orvalindwarden-ctl"), "-d", "9", "-r", "1", "-s", "192.0.2.1", "--admin-up"};
+		argv.insert(argv.begin() + 1, c.args.begin(), c.args.end());
+		const result r = run_in("", argv);
+		EXPECT_EQ(r.status, c.status) << r.out;
+		EXPECT_TRUE(c.message ? r.has(c.message) : r.out.empty()) << r.out;
+	}
+	const result r = run_in("", {bin("orvalindwarden-ctl"), "--pid", pid, "-d", "9"});
+	EXPECT_EQ(r.status, 2);
+	EXPECT_TRUE(r.has("missing --min-rx --source --admin-up|--admin-down")) << r.out;
+	// None but the last reached the daemon: it took discriminator 9 (a later -d wins).
+	EXPECT_FALSE(ask(31, 5, ms(300)));
+	const auto reply = ask(31, 9);
+	ASSERT_TRUE(reply) << "the setting sent through the pid file was not applied";
+	EXPECT_EQ(ntohl(reply->pkt.min_rx_interval), 1u);
 }
 
 TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelled)
