@@ -113,30 +113,29 @@ TEST_F(FaultInNamespace, MalformedFloodLeavesEveryValidRequestAnswered)
 	start(DISC, MIN_RX);
 	// Kinds of frames the filters pass and the daemon must drop, each
 	// broken in one place.
-	auto request = [](std::uint32_t my_disc, std::uint32_t your_disc, std::uint8_t byte1 = 0x42) {
-		probe_params p;
-		p.my_disc = my_disc;
-		p.your_disc = your_disc;
-		std::vector<std::uint8_t> b(BFD_PKT_LEN);
-		probe_encode_request(p, b.data());
-		b[1] = byte1;
-		return b;
-	};
+	probe_params p;
+	p.my_disc = 9;
+	p.your_disc = DISC;
+	std::vector<std::uint8_t> good(BFD_PKT_LEN);
+	probe_encode_request(p, good.data());
 	const frame_spec s = shape();
+	auto broken = [&](std::size_t at, std::uint8_t v) {
+		auto b = good;
+		b[at] = v;
+		return probe_frame_build(s, b);
+	};
 	frame_spec tcp = s, two = s, from7784 = s;
 	tcp.labels = {0};
 	tcp.ip_proto = 6;
 	two.labels = {0, 0};
 	from7784.src_port = SBFD_PORT;
-	auto good = request(9, DISC), v0 = good;
-	v0[0] = 0;
 	const std::vector<std::vector<std::uint8_t>> bad = {
-		probe_frame_build(s, v0),
-		probe_frame_build(s, request(9, DISC, 0x40)),         // D clear
-		probe_frame_build(s, std::span(good).first(20)),      // truncated
-		probe_frame_build(s, request(9, DISC + 1)),           // not ours
-		probe_frame_build(s, request(0, DISC)),               // My Discriminator 0
-		probe_frame_build(tcp, good), probe_frame_build(two, good), probe_frame_build(from7784, good)};
+		broken(0, 0),     // version 0
+		broken(1, 0x40),  // D clear
+		broken(7, 0),     // My Discriminator 0
+		broken(11, 8),    // Your Discriminator not ours
+		probe_frame_build(s, std::span(good).first(20)), probe_frame_build(tcp, good), probe_frame_build(two, good),
+		probe_frame_build(from7784, good)};
 
 	std::uint64_t flooded = 0;
 	expect_clean_under_load(2000, ms(3000), [&](std::uint64_t i) {
