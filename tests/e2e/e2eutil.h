@@ -3,8 +3,7 @@
 // (`ip netns exec NS orvalindwarden -d D -p ADDR -r MINRX`, with its own
 // BREVLOG_DIR and NSPATH, so its own trace and store), an initiator in the
 // other that sends requests (UDP, or crafted frames on a packet socket) and
-// captures what comes back, and a steady load of checked requests for the
-// fault tests.
+// captures what comes back.
 //
 //   daemon namespace  "orvd-<pid>[-n]"  vd0 192.0.2.1/24  <-- veth -->  vi0 192.0.2.2/24
 //   initiator namespace "orvi-<pid>[-n]"
@@ -15,14 +14,12 @@
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <cstring>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -206,95 +203,6 @@ protected:
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go
 	unique_fd udp, raw;
 	std::uint16_t port = 0;  // the initiator's UDP port
-};
-
-// Steady load for the fault tests: a thread that offers well-formed
-// requests from `sessions` initiators (My Discriminator 5000 + i, one UDP
-// socket) at `rate` per second for `duration` from the initiator namespace,
-// while the test thread does harm to the daemon, and that checks every
-// reply. Each request carries its sequence number in Desired Min TX
-// Interval, which the reflector echoes, so every reply names its request. A
-// reply is right when it has the discriminators swapped, state Up, D clear,
-// Required Min Echo RX 0 and the daemon's Required Min RX.
-class load {
-public:
-	struct result {
-		std::uint64_t sent = 0;       // requests the kernel took
-		std::uint64_t answered = 0;   // right replies, each to a distinct request
-		std::uint64_t wrong = 0;      // replies failing a check above
-		std::uint64_t duplicate = 0;  // second reply to one request
-	};
-
-	load(const std::string &ns_i, std::uint32_t your_disc, std::uint32_t min_rx, std::uint32_t rate, ms duration,
-	     std::uint32_t sessions)
-		: your_disc_(your_disc), min_rx_(min_rx), sessions_(sessions),
-		  period_(std::chrono::nanoseconds(1000000000ull / rate)),
-		  answered_(rate * static_cast<std::size_t>(duration.count()) / 1000, 0),
-		  sock_(udp_socket(ns_i, INITIATOR_IP_H, DAEMON_IP_H))
-	{
-		if (sock_.get() >= 0)
-			thread_ = std::thread([this] { run(); });
-	}
-	~load() { join(); }
-
-	bool ok() const { return sock_.get() >= 0; }
-	result join()
-	{
-		if (thread_.joinable())
-			thread_.join();
-		return res_;
-	}
-
-private:
-	void run()
-	{
-		const std::uint64_t total = answered_.size();
-		const auto start = std::chrono::steady_clock::now(), last = start + period_ * static_cast<long>(total);
-		pollfd pfd{sock_.get(), POLLIN, 0};
-		for (std::uint64_t seq = 0;;) {
-			const auto now = std::chrono::steady_clock::now();
-			for (; seq < total && start + period_ * static_cast<long>(seq) <= now; seq++) {
-				probe_params p;
-				p.my_disc = FIRST_DISC + static_cast<std::uint32_t>(seq % sessions_);
-				p.your_disc = your_disc_;
-				p.state = BFD_STATE_UP;
-				p.min_tx_us = static_cast<std::uint32_t>(seq);
-				std::uint8_t b[BFD_PKT_LEN];
-				probe_encode_request(p, b);
-				res_.sent += send(sock_.get(), b, sizeof b, MSG_DONTWAIT) == static_cast<ssize_t>(sizeof b);
-			}
-			if (seq == total && (res_.answered + res_.wrong >= res_.sent || now > last + ms(500)))
-				return;
-			if (poll(&pfd, 1, 1) > 0)
-				drain();
-		}
-	}
-
-	void drain()
-	{
-		std::uint8_t b[64];
-		bfd_ctrl_pkt pkt;
-		for (ssize_t n; (n = recv(sock_.get(), b, sizeof b, MSG_DONTWAIT)) >= 0;) {
-			const bool whole = n == static_cast<ssize_t>(BFD_PKT_LEN) && probe_decode({b, BFD_PKT_LEN}, &pkt);
-			const std::uint64_t seq = whole ? ntohl(pkt.min_tx_interval) : ~0ull;
-			if (seq >= answered_.size() || ntohl(pkt.your_disc) != FIRST_DISC + seq % sessions_ ||
-			    ntohl(pkt.my_disc) != your_disc_ || bfd_state_of(pkt) != BFD_STATE_UP || (pkt.flags & BFD_FLAG_D) ||
-			    pkt.min_echo_rx_interval != 0 || ntohl(pkt.min_rx_interval) != min_rx_)
-				res_.wrong++;
-			else if (answered_[seq]++)
-				res_.duplicate++;
-			else
-				res_.answered++;
-		}
-	}
-
-	static constexpr std::uint32_t FIRST_DISC = 5000;
-	std::uint32_t your_disc_, min_rx_, sessions_;
-	std::chrono::nanoseconds period_;
-	std::vector<std::uint8_t> answered_;  // per sequence number
-	unique_fd sock_;
-	result res_;
-	std::thread thread_;
 };
 
 }  // namespace e2e
