@@ -87,8 +87,7 @@ TEST(FuzzRegress, EveryFrameInputCountsExactlyOnce)
 	rxt::trace_reader::get();  // tracing on, as in the daemon
 	rxt::harness h;
 	h.setup_table();
-	rxt::seam::reset(h.vrf->outfd);
-	rxt::seam::swallow = true;  // corpus frames name addresses off this host
+	rxt::seam = {h.vrf->outfd, {}, /*swallow=*/true};  // corpus frames name addresses off this host
 	const auto all = inputs("fuzz_frame");
 	ASSERT_GE(all.size(), 10u);
 	for (const auto &[name, bytes] : all) {
@@ -103,5 +102,5 @@ TEST(FuzzRegress, EveryFrameInputCountsExactlyOnce)
 	}
 	EXPECT_EQ(h.shm()->tx_sends, h.shm()->rx_valid_pkts) << "every valid frame answered";
 	EXPECT_GE(h.shm()->rx_valid_pkts, 5u);
-	rxt::seam::reset(-1);
+	rxt::seam = {};
 }

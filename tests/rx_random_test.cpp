@@ -64,8 +64,7 @@ TEST(RandomFrames, EachIsAnsweredOrCountedOnceAndTheTableStaysWhole)
 {
 	harness h;
 	h.setup_table();
-	seam::reset(h.vrf->outfd);
-	seam::swallow = true;  // replies to generated addresses never leave the host
+	seam = {h.vrf->outfd, {}, /*swallow=*/true};  // replies to generated addresses never leave the host
 	std::mt19937_64 rng(0x5BFD7784);
 	const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
 	int n = 0;
@@ -83,7 +82,7 @@ TEST(RandomFrames, EachIsAnsweredOrCountedOnceAndTheTableStaysWhole)
 		session_sanity_check(h.vrf.get());
 		ASSERT_EQ(h.free_count() + h.vrf->sess_cache_count, MAX_SESSIONS) << "frame " << n;
 	}
-	seam::reset(-1);
+	seam = {};
 	EXPECT_GT(h.shm()->rx_valid_pkts, 0u);
 	EXPECT_GT(h.shm()->rx_hash_trim + h.vrf->sess_cache_count, 0u);
 	std::printf("%d frames\n", n);

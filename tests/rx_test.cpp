@@ -207,15 +207,14 @@ TEST(Reply, SendFailuresAreCountedAndRetriedOnlyWhenUnreachable)
 		SCOPED_TRACE(c.name);
 		harness h;
 		h.setup_table();
-		seam::reset(h.vrf->outfd);
-		seam::script = c.script;
+		seam = {h.vrf->outfd, c.script};
 		tr.take();
 		h.feed(h.frame(request{}));
-		EXPECT_EQ(seam::calls, c.attempts);
+		EXPECT_EQ(seam.calls, c.attempts);
 		EXPECT_EQ(h.shm()->sendto_fail, c.fail);
 		EXPECT_EQ(h.shm()->tx_sends, c.sent);
 		EXPECT_EQ(h.shm()->sessions[511].num_sent, c.sent);
-		seam::reset(-1);
+		seam = {};
 		if (!tr.on())
 			continue;
 		const auto errors = tr.take_level(TRACE_ERROR);
@@ -228,13 +227,12 @@ TEST(ReplyDeathTest, ShortSendStopsTheProcess)
 {
 	harness h;
 	h.setup_table();
-	seam::reset(h.vrf->outfd);
-	seam::short_len = 10;
+	seam = {h.vrf->outfd, {}, false, /*short_len=*/10};
 	EXPECT_DEATH(h.feed(h.frame(request{})),
 		     "Assertion failed: 0, file .*reflectorRx.cpp, line [0-9]+, function rx_data_ready");
 	EXPECT_EQ(h.shm()->wrong_len_sent, 1u);  // the child's count, in the shared store
 	EXPECT_EQ(h.shm()->tx_sends, 0u);
-	seam::reset(-1);
+	seam = {};
 }
 
 TEST(Report, ThinsByTheTotalOfDroppedAndValidPackets)

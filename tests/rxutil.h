@@ -29,25 +29,18 @@ namespace rxt {
 
 using bytes = std::vector<std::uint8_t>;
 
-// The scripted sendto (only in executables that link send_seam.cpp). Calls
-// on descriptor `fd` first fail with the errno values of `script`, in order;
-// then return `short_len` when it is not negative, or the full length
+// The scripted sendto of send_seam.cpp (in the executables that link it):
+// calls on descriptor `fd` first fail with the errno values of `script`, in
+// order; then return `short_len` when it is not negative, or the full length
 // without sending when `swallow` is set.
-namespace seam {
-extern int fd;
-extern std::vector<int> script;
-extern std::size_t calls;
-extern bool swallow;
-extern ssize_t short_len;
-inline void reset(int target)
-{
-	fd = target;
-	script.clear();
-	calls = 0;
-	swallow = false;
-	short_len = -1;
-}
-}  // namespace seam
+struct seam_state {
+	int fd = -1;
+	std::vector<int> script;
+	bool swallow = false;
+	ssize_t short_len = -1;
+	std::size_t calls = 0;
+};
+inline seam_state seam;
 
 constexpr std::uint32_t OUR_DISC = 0x0A0B0C0D;  // the reflector's discriminator, host order
 constexpr std::uint32_t OUR_MIN_RX = 50000;     // us

@@ -1,5 +1,5 @@
-// send_seam.cpp -- a sendto that tests can script: linked into the test and
-// benchmark executables that need send failures no real socket produces on
+// send_seam.cpp -- a sendto that tests can script (rxt::seam): linked into
+// the test executables that need send failures no real socket produces on
 // demand (EINTR, a short send), or replies that must not leave the host.
 // Every other call goes to the C library's sendto.
 #include <dlfcn.h>
@@ -9,19 +9,11 @@
 
 #include "rxutil.h"
 
-namespace rxt::seam {
-int fd = -1;
-std::vector<int> script;
-std::size_t calls = 0;
-bool swallow = false;
-ssize_t short_len = -1;
-}  // namespace rxt::seam
-
 extern "C" ssize_t sendto(int fd, const void *buf, size_t len, int flags, const sockaddr *addr,
 			  socklen_t addr_len)
 {
-	using namespace rxt::seam;
-	if (fd >= 0 && fd == rxt::seam::fd) {
+	auto &[seam_fd, script, swallow, short_len, calls] = rxt::seam;
+	if (fd >= 0 && fd == seam_fd) {
 		calls++;
 		if (!script.empty()) {
 			const int err = script.front();

@@ -92,13 +92,11 @@ TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
 // rule is one that only applies to a stable copy.
 TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 {
-	struct rule_case {
+	const struct {
 		const char *what;
-		std::function<void(reflector_shm &)> edit;
-		bool accepted;
-		bool cross;
-	};
-	const rule_case cases[] = {
+		void (*edit)(reflector_shm &);
+		bool accepted, cross;
+	} cases[] = {
 		{"sample store", [](reflector_shm &) {}, true, false},
 		{"state 4", [](reflector_shm &s) { s.sessions[511].state = 4; }, false, false},
 		{"tx_diag 32", [](reflector_shm &s) { s.sessions[511].tx_diag = 32; }, false, false},
@@ -109,12 +107,12 @@ TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 		{"free slot dirty", [](reflector_shm &s) { s.sessions[0].num_received = 1; }, false, true},
 		{"trim above miss", [](reflector_shm &s) { s.rx_hash_trim = 10; }, false, true},
 		{"hash above period", [](reflector_shm &s) { s.rx_hash_hit = 81; }, false, true},
-		{"first period full", [](reflector_shm &s) {
-			 s.rx_valid_pkts = 100; s.rx_hash_hit = 0; s.rx_hash_miss = 100; s.rx_hash_trim = 0; }, true, true},
-		{"first period over", [](reflector_shm &s) {
-			 s.rx_valid_pkts = 100; s.rx_hash_hit = 1; s.rx_hash_miss = 100; s.rx_hash_trim = 0; }, false, true},
-		{"counted, not yet looked up", [](reflector_shm &s) {
-			 s.rx_valid_pkts = 1024; s.rx_hash_hit = 500; s.rx_hash_miss = 12; s.rx_hash_trim = 0; }, true, true},
+		{"first period full", [](reflector_shm &s) { s.rx_valid_pkts = s.rx_hash_miss = 100, s.rx_hash_hit = s.rx_hash_trim = 0; },
+		 true, true},
+		{"first period over", [](reflector_shm &s) { s.rx_valid_pkts = s.rx_hash_miss = 100, s.rx_hash_hit = 1, s.rx_hash_trim = 0; },
+		 false, true},
+		{"counted, not yet looked up",
+		 [](reflector_shm &s) { s.rx_valid_pkts = 1024, s.rx_hash_hit = 500, s.rx_hash_miss = 12, s.rx_hash_trim = 0; }, true, true},
 	};
 	for (const auto &c : cases) {
 		auto snap = sample_snapshot();
