@@ -14,59 +14,57 @@ using namespace rxt;
 
 namespace {
 
-void label0(frame_spec &s) { s.labels = {0}; }
+// A frame to break: the request, the frame around it, then its first `keep`
+// bytes (0: all) and an EtherType written over the built one (0: none).
+struct frame_parts {
+	request r;
+	frame_spec s;
+	std::size_t keep = 0;
+	std::uint16_t eth_type = 0;
+};
+using S = reflector_shm;
 
-// A request broken in its fields (`edit`) or its frame (`shape`, then the
-// first `keep` bytes, then `eth_type`), and the reason it counts (null: it
-// is valid and answered) with the error it traces, a prefix.
+// Frames broken in one place, the reason each counts (null: it is valid and
+// answered) and the start of the error it traces.
 const struct {
 	const char *name;
-	void (*edit)(request &);
-	void (*shape)(frame_spec &);
-	std::size_t keep;  // 0: all
-	std::uint32_t reflector_shm::*counter;
+	void (*edit)(frame_parts &);
+	std::uint32_t S::*counter;
 	const char *message;
-	std::uint16_t eth_type = 0;
 } REJECT_CASES[] = {
-	{"valid Down request", nullptr, nullptr, 0, nullptr, nullptr},
-	{"valid Up request", [](request &r) { r.state = BFD_STATE_UP; }, nullptr, 0, nullptr, nullptr},
-	{"Length 0 passes", [](request &r) { r.length = 0; }, nullptr, 0, nullptr, nullptr},
-	{"MPLS label 0, bottom of stack", nullptr, label0, 0, nullptr, nullptr},
-	{"IPv4 options (IHL 6)", nullptr, [](frame_spec &s) { s.ip_options.assign(4, 1); }, 0, nullptr, nullptr},
-	{"IHL 15 under label 0", nullptr, [](frame_spec &s) { label0(s), s.ip_options.assign(40, 1); }, 0, nullptr, nullptr},
-	{"23-byte control packet", nullptr, nullptr, 65, &reflector_shm::pkt_truncated,
+	{"valid Down request", [](frame_parts &) {}, nullptr, nullptr},
+	{"valid Up request", [](frame_parts &f) { f.r.state = BFD_STATE_UP; }, nullptr, nullptr},
+	{"Length 0 passes", [](frame_parts &f) { f.r.length = 0; }, nullptr, nullptr},
+	{"MPLS label 0, bottom of stack", [](frame_parts &f) { f.s.labels = {0}; }, nullptr, nullptr},
+	{"IPv4 options (IHL 6)", [](frame_parts &f) { f.s.ip_options.assign(4, 1); }, nullptr, nullptr},
+	{"IHL 15 under label 0", [](frame_parts &f) { f.s.labels = {0}, f.s.ip_options.assign(40, 1); }, nullptr, nullptr},
+	{"23-byte control packet", [](frame_parts &f) { f.keep = 65; }, &S::pkt_truncated,
 	 "ERROR: Pkt truncated. Recvd len 23, source_ip 127.0.0.1"},
-	{"frame ending inside the IPv4 options", nullptr, [](frame_spec &s) { s.ip_options.assign(40, 1); }, 40,
-	 &reflector_shm::pkt_truncated, "ERROR: Pkt truncated. Recvd len -42, source_ip 127.0.0.1"},
-	{"version 0", [](request &r) { r.version = 0; }, nullptr, 0, &reflector_shm::bad_version,
+	{"frame ending inside the IPv4 options", [](frame_parts &f) { f.s.ip_options.assign(40, 1), f.keep = 40; },
+	 &S::pkt_truncated, "ERROR: Pkt truncated. Recvd len -42, source_ip 127.0.0.1"},
+	{"version 0", [](frame_parts &f) { f.r.version = 0; }, &S::bad_version,
 	 "ERROR: Bad version 0. Recvd my_disc 287454020, source_ip 127.0.0.1"},
-	{"version 0 with D clear counts only the version", [](request &r) { r.version = 0, r.flags = 0; }, nullptr, 0,
-	 &reflector_shm::bad_version, "ERROR: Bad version 0."},
-	{"Length 25 with 24 bytes", [](request &r) { r.length = 25; }, nullptr, 0, &reflector_shm::invalid_pkt_len,
+	{"version 0 with D clear", [](frame_parts &f) { f.r.version = f.r.flags = 0; }, &S::bad_version, "ERROR: Bad version 0."},
+	{"Length 25 with 24 bytes", [](frame_parts &f) { f.r.length = 25; }, &S::invalid_pkt_len,
 	 "ERROR: Invalid bfd ctrl pkt length 25. Rcvd len 24, source_ip 127.0.0.1"},
-	{"source port 7784", nullptr, [](frame_spec &s) { s.src_port = SBFD_PORT; }, 0, &reflector_shm::invalid_src_port,
-	 "ERROR: Invalid source port "},
-	{"D bit clear", [](request &r) { r.flags = BFD_FLAG_P; }, nullptr, 0, &reflector_shm::demand_mode_unset,
+	{"source port 7784", [](frame_parts &f) { f.s.src_port = SBFD_PORT; }, &S::invalid_src_port, "ERROR: Invalid source port "},
+	{"D bit clear", [](frame_parts &f) { f.r.flags = BFD_FLAG_P; }, &S::demand_mode_unset,
 	 "ERROR: Demand mode bit is not set. Recvd my_disc 287454020, source_ip 127.0.0.1"},
-	{"Detect Mult 0", [](request &r) { r.detect_mult = 0; }, nullptr, 0, &reflector_shm::invalid_detect_mult,
-	 "ERROR: Detect Mult is not set. Recvd my_disc 287454020"},
-	{"My Discriminator 0", [](request &r) { r.my_disc = 0; }, nullptr, 0, &reflector_shm::invalid_my_disc,
+	{"Detect Mult 0", [](frame_parts &f) { f.r.detect_mult = 0; }, &S::invalid_detect_mult, "ERROR: Detect Mult is not set."},
+	{"My Discriminator 0", [](frame_parts &f) { f.r.my_disc = 0; }, &S::invalid_my_disc,
 	 "ERROR: My discriminator is not set. source_ip 127.0.0.1"},
-	{"state AdminDown", [](request &r) { r.state = BFD_STATE_ADMIN_DOWN; }, nullptr, 0,
-	 &reflector_shm::invalid_bfd_state, "ERROR: Initiator BFD state 0 is invalid. Recvd my_disc 287454020"},
-	{"state Init with a foreign Your Discriminator counts the state", [](request &r) { r.state = 2, r.your_disc = 1; },
-	 nullptr, 0, &reflector_shm::invalid_bfd_state, "ERROR: Initiator BFD state 2 is invalid."},
-	{"foreign Your Discriminator", [](request &r) { r.your_disc = 1; }, nullptr, 0, &reflector_shm::your_disc_unmatch,
+	{"state AdminDown", [](frame_parts &f) { f.r.state = 0; }, &S::invalid_bfd_state, "ERROR: Initiator BFD state 0 is invalid."},
+	{"state Init, foreign Your Discriminator", [](frame_parts &f) { f.r.state = 2, f.r.your_disc = 1; }, &S::invalid_bfd_state,
+	 "ERROR: Initiator BFD state 2 is invalid. Recvd my_disc 287454020"},
+	{"foreign Your Discriminator", [](frame_parts &f) { f.r.your_disc = 1; }, &S::your_disc_unmatch,
 	 "ERROR: Recvd discriminator 1 is not destined to this reflector. Recvd my_disc 287454020, source_ip 127.0.0.1"},
-	{"MPLS label 16", nullptr, [](frame_spec &s) { s.labels = {16}; }, 0, &reflector_shm::unsupported,
-	 "ERROR: top label 16 is not supported"},
-	{"two MPLS labels", nullptr, [](frame_spec &s) { s.labels = {0, 0}; }, 0, &reflector_shm::unsupported,
-	 "ERROR: multiple labels is not supported"},
-	{"IPv6 EtherType", nullptr, nullptr, 0, &reflector_shm::unsupported, "ERROR: EthType 34525 is not supported", 0x86DD},
-	{"one-byte frame", nullptr, nullptr, 1, &reflector_shm::unsupported, "ERROR: EthType 0 is not supported"},
-	{"TCP under label 0", nullptr, [](frame_spec &s) { label0(s), s.ip_proto = 6; }, 0, &reflector_shm::invalid_pkt_format,
+	{"MPLS label 16", [](frame_parts &f) { f.s.labels = {16}; }, &S::unsupported, "ERROR: top label 16 is not supported"},
+	{"two MPLS labels", [](frame_parts &f) { f.s.labels = {0, 0}; }, &S::unsupported, "ERROR: multiple labels is not supported"},
+	{"IPv6 EtherType", [](frame_parts &f) { f.eth_type = 0x86DD; }, &S::unsupported, "ERROR: EthType 34525 is not supported"},
+	{"one-byte frame", [](frame_parts &f) { f.keep = 1; }, &S::unsupported, "ERROR: EthType 0 is not supported"},
+	{"TCP under label 0", [](frame_parts &f) { f.s.labels = {0}, f.s.ip_proto = 6; }, &S::invalid_pkt_format,
 	 "ERROR: BFD control packet should be over UDP, got protocol 6"},
-	{"ICMP", nullptr, [](frame_spec &s) { s.ip_proto = 1; }, 0, &reflector_shm::invalid_pkt_format,
+	{"ICMP", [](frame_parts &f) { f.s.ip_proto = 1; }, &S::invalid_pkt_format,
 	 "ERROR: BFD control packet should be over UDP, got protocol 1"},
 };
 
@@ -81,17 +79,13 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		SCOPED_TRACE(c.name);
 		harness h;
 		h.setup_table();
-		request r;
-		frame_spec s = h.spec();
-		if (c.edit)
-			c.edit(r);
-		if (c.shape)
-			c.shape(s);
-		bytes f = probe_frame_build(s, r.encode());
-		if (c.keep)
-			f.resize(c.keep);
-		if (c.eth_type)
-			f[12] = c.eth_type >> 8, f[13] = c.eth_type & 0xFF;
+		frame_parts p{request{}, h.spec()};
+		c.edit(p);
+		bytes f = probe_frame_build(p.s, p.r.encode());
+		if (p.keep)
+			f.resize(p.keep);
+		if (p.eth_type)
+			f[12] = p.eth_type >> 8, f[13] = p.eth_type & 0xFF;
 		tr.take();
 		h.feed(f);
 		for (auto reason : REASONS)
@@ -106,13 +100,11 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		ASSERT_EQ(errors.size(), c.message ? 1u : 0u);
 		if (c.message)
 			EXPECT_EQ(errors[0].rfind(c.message, 0), 0u) << errors[0];
-		const bool validated = c.counter != &reflector_shm::unsupported && c.counter != &reflector_shm::invalid_pkt_format;
+		const bool validated = c.counter != &S::unsupported && c.counter != &S::invalid_pkt_format;
 		EXPECT_EQ(count_containing(stats, "GLOBAL STATS:"), validated ? 1 : 0);
 	}
 }
 
-// What end-to-end tests do not see: the fields only the store keeps, the
-// gaps between requests and the time of the last state change.
 TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 {
 	harness h;
