@@ -105,6 +105,8 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 	}
 }
 
+// What the end-to-end tests do not see: the fields only the store keeps, the
+// gaps between requests and the time of the last state change.
 TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 {
 	harness h;
@@ -141,6 +143,8 @@ TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
 	EXPECT_LE(s.min_period, s.max_period);
 }
 
+// Plain, polled, labelled and adminDown replies are checked on the wire end
+// to end (reflect_test, tools_test); here the flags and lengths they do not send.
 TEST(Reply, FieldsAreReflectedFromTheRequest)
 {
 	const struct {

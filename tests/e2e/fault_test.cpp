@@ -75,7 +75,7 @@ protected:
 			}
 		}
 	}
-	static void pause(std::uint64_t) { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
+	static void idle(std::uint64_t) { std::this_thread::sleep_for(std::chrono::microseconds(200)); }
 
 	// The load under `harm`: every request must get one right reply, every
 	// one counted and sent, and the daemon must still run.
@@ -93,14 +93,14 @@ protected:
 TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSession)
 {
 	start(DISC, MIN_RX);
-	auto warm = load(2000, ms(300), pause);  // every session exists before the kill
+	auto warm = load(2000, ms(300), idle);  // every session exists before the kill
 	ASSERT_EQ(warm.answered, warm.sent);
 	const pid_t first = daemon->pid();
 	const auto t0 = std::chrono::steady_clock::now();
 	const auto busy = load(5000, ms(2000), [&](std::uint64_t) {
 		if (daemon->running() && std::chrono::steady_clock::now() > t0 + ms(1000))
 			kill(first, SIGKILL), testutil::wait_until([&] { return !daemon->running(); });
-		pause(0);
+		idle(0);
 	});
 	ASSERT_FALSE(daemon->running());
 	EXPECT_GT(busy.answered, 0u);
@@ -120,7 +120,7 @@ TEST_F(FaultInNamespace, KillNineUnderLoadThenPersistRestartLosesNoCounterOrSess
 	ASSERT_NE(daemon->pid(), first);
 	const reflector_shm restored = kept(store());
 	EXPECT_EQ(std::memcmp(&restored, &killed, SHM_SIZE), 0) << "taking the store up changes nothing";
-	const auto r = load(2000, ms(500), pause);
+	const auto r = load(2000, ms(500), idle);
 	EXPECT_EQ(r.answered, r.sent);
 	EXPECT_EQ(r.wrong, 0u);
 
