@@ -91,9 +91,9 @@ protected:
 		auto bound = [&] {
 			std::istringstream in(testutil::read_file("/proc/" + std::to_string(pid) + "/net/netlink"));
 			for (std::string line, sk; std::getline(in, line);) {
-				long proto = -1, port = -1;
-				std::istringstream(line) >> sk >> proto >> port;
-				if (proto == 2 && port == pid)
+				long proto = -1, nl_port = -1;
+				std::istringstream(line) >> sk >> proto >> nl_port;
+				if (proto == 2 && nl_port == pid)
 					return true;
 			}
 			return false;

@@ -76,9 +76,9 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredWithEveryField)
 	const reflector_shm shm = store();
 	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.rx_drops), std::tuple(3u, 0u));
 	std::map<std::uint32_t, reflector_session> by_disc;
-	for (const auto &s : shm.sessions)
-		if (s.discriminator && s.source_ip == htonl(e2e::INITIATOR_IP_H))
-			by_disc[s.discriminator] = s;
+	for (const auto &x : shm.sessions)
+		if (x.discriminator && x.source_ip == htonl(e2e::INITIATOR_IP_H))
+			by_disc[x.discriminator] = x;
 	ASSERT_EQ(by_disc.size(), 2u);
 	const reflector_session &s1 = by_disc[1001], &s2 = by_disc[2002];
 	EXPECT_EQ(std::tuple(s1.source_port, s1.state, s1.prev_state, s1.num_received, s1.num_sent),
