@@ -4,7 +4,9 @@
 // to its request and reporting loss and round-trip time percentiles.
 //
 // Runs in the initiator's network namespace. One thread, one UDP socket per
-// session, all on one epoll set. Matching: a reflector echoes Desired Min TX
+// session, all on one epoll set. Round trips end at the kernel's arrival
+// time stamp of the reply (SO_TIMESTAMPNS), so the generator's own delay in
+// reading a reply is not counted. Matching: a reflector echoes Desired Min TX
 // Interval unchanged (RFC 7880 section 7.2 leaves it to the initiator), so
 // each request carries its sequence number there and the reply names the
 // request exactly; the reply's Your Discriminator names the session. A reply
@@ -47,11 +49,17 @@ struct loadgen_options {
 	std::uint32_t malformed_every = 0;  // 0: none; else every Nth request is broken in one field
 };
 
+std::uint64_t ns_of(const timespec &ts)
+{
+	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
+}
+
+// The clock of the kernel's receive time stamps (SO_TIMESTAMPNS).
 std::uint64_t now_ns()
 {
 	timespec ts;
-	clock_gettime(CLOCK_MONOTONIC, &ts);
-	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u + static_cast<std::uint64_t>(ts.tv_nsec);
+	clock_gettime(CLOCK_REALTIME, &ts);
+	return ns_of(ts);
 }
 
 void usage(std::FILE *f)
@@ -169,6 +177,12 @@ public:
 				std::fprintf(stderr, "loadgen: session socket %u: %s\n", i, std::strerror(errno));
 				return false;
 			}
+			// A reply's arrival time is taken by the kernel as it is queued
+			// to the socket, so the time this process takes to get to it
+			// (another reply, a send) is not counted as round trip.
+			const int on = 1;
+			if (setsockopt(s.fd.get(), SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on) != 0)
+				return false;
 			epoll_event ev{};
 			ev.events = EPOLLIN;
 			ev.data.u32 = i;
@@ -261,12 +275,26 @@ private:
 	void drain_socket(std::uint32_t idx)
 	{
 		std::uint8_t b[64];
+		alignas(cmsghdr) char control[CMSG_SPACE(sizeof(timespec))];
 		for (;;) {
-			const ssize_t n = recv(socks_[idx].fd.get(), b, sizeof b, MSG_DONTWAIT);
+			iovec iov{b, sizeof b};
+			msghdr m{};
+			m.msg_iov = &iov;
+			m.msg_iovlen = 1;
+			m.msg_control = control;
+			m.msg_controllen = sizeof control;
+			const ssize_t n = recvmsg(socks_[idx].fd.get(), &m, MSG_DONTWAIT);
 			if (n < 0)
 				return;
-			const std::uint64_t now = now_ns();
-			check_reply(idx, b, static_cast<std::size_t>(n), now);
+			std::uint64_t arrived = 0;
+			for (cmsghdr *c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
+				if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_TIMESTAMPNS) {
+					timespec ts;
+					std::memcpy(&ts, CMSG_DATA(c), sizeof ts);
+					arrived = ns_of(ts);
+				}
+			}
+			check_reply(idx, b, static_cast<std::size_t>(n), arrived != 0 ? arrived : now_ns());
 		}
 	}
 
@@ -293,14 +321,15 @@ private:
 			return;
 		}
 		res_.received++;
-		res_.rtt_ns.push_back(static_cast<std::uint32_t>(std::min<std::uint64_t>(now - sent_at_[seq], UINT32_MAX)));
+		const std::uint64_t rtt = now > sent_at_[seq] ? now - sent_at_[seq] : 0;
+		res_.rtt_ns.push_back(static_cast<std::uint32_t>(std::min<std::uint64_t>(rtt, UINT32_MAX)));
 		sent_at_[seq] = 0;
 	}
 
 	loadgen_options opt_;
 	unique_fd ep_;
 	std::vector<session_socket> socks_;
-	std::vector<std::uint64_t> sent_at_;  // CLOCK_MONOTONIC ns of each request; 0 once answered
+	std::vector<std::uint64_t> sent_at_;  // CLOCK_REALTIME ns of each request; 0 once answered
 	results res_;
 };
 
