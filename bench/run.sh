@@ -9,6 +9,8 @@
 #   4. heap allocations per request (memcheck totals after N and 11 N requests)
 #   5. resident memory of the daemon before and after the whole load
 #   6. cost of a trace record on the fast path (Google Benchmark)
+#   7. cost of the always-on table check per lookup with the L1 cache taken
+#      by other work, as the daemon meets it (bench_rx)
 #
 # and prints every figure beside its target and the baseline. Every trace
 # level of the daemon is on (it always traces). Never part of the test run.
@@ -240,6 +242,17 @@ trace_ns=$("$bin/bench_trace" --benchmark_filter=BM_TraceThreeValues --benchmark
 	--benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	--benchmark_format=csv 2>/dev/null | awk -F, '/BM_TraceThreeValues_median/ { printf "%.1f", $3 }')
 
+echo "== table check per lookup, L1 cold"
+# Real time of the check alone (manual timing), recency list in memory order
+# (/0: initiators probing in turn) and out of it (/1).
+check_ns() {
+	"${pin_r[@]}" "$bin/bench_rx" --benchmark_filter="BM_SessionSanityCheck512Cold/$1/" \
+		--benchmark_repetitions=5 --benchmark_report_aggregates_only=true --benchmark_format=csv 2>/dev/null |
+		awk -F, '/_median/ { printf "%.0f", $3 }'
+}
+check_ordered_ns=$(check_ns 0)
+check_shuffled_ns=$(check_ns 1)
+
 # The plot: p50 and p99 round trip against offered rate, both reflectors.
 if command -v gnuplot >/dev/null; then
 	gnuplot -e "datadir='$out'; outfile='$out/rtt_vs_rate.png'" "$top/bench/plot.gp" || true
@@ -276,5 +289,7 @@ ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }'
 		"anonymous flat over $((sends_end - sends_start)) replies: $(verdict "$ok_rss")"
 	printf '%-44s %14s\n' "  of which anonymous KiB (start / end)" "$anon_start / $anon_end"
 	printf '%-44s %14s %14s %8s  %s\n' "trace record, fast path (ns)" "$trace_ns" "-" "-" "<= 30 ns: $(verdict "$ok_trace")"
+	printf '%-44s %14s %14s %8s  %s\n' "table check per lookup, L1 cold (ns)" "$check_ordered_ns / $check_shuffled_ns" "-" "-" \
+		"(bench_rx; recency list in memory order / out of it)"
 	echo "trials: $out/trials.txt; sweep: $out/sweep_*.dat; plot: $out/rtt_vs_rate.png; profile: $out/callgrind.txt"
 } | tee "$out/summary.txt"
