@@ -24,7 +24,7 @@ std::array<std::uint64_t, 4> counts(const reflector_shm *s)
 bytes next_frame(std::mt19937_64 &rng, const harness &h)
 {
 	auto pick = [&](std::uint64_t n) { return rng() % n; };
-	frame_spec s = h.spec();
+	frame_spec s = h.frame_shape();
 	if (pick(3) == 0)
 		s.labels = {0};
 	if (pick(4) == 0)

@@ -79,7 +79,7 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		SCOPED_TRACE(c.name);
 		harness h;
 		h.setup_table();
-		frame_parts p{request{}, h.spec()};
+		frame_parts p{request{}, h.frame_shape()};
 		c.edit(p);
 		bytes f = probe_frame_build(p.s, p.r.encode());
 		if (p.keep)
@@ -168,7 +168,7 @@ TEST(Reply, FieldsAreReflectedFromTheRequest)
 		r.length = c.length;
 		bytes payload = r.encode();
 		payload.resize(c.length, 0x5A);  // the authentication section
-		h.feed(probe_frame_build(h.spec(), payload));
+		h.feed(probe_frame_build(h.frame_shape(), payload));
 		auto p = h.reply();
 		ASSERT_TRUE(p.has_value());
 		EXPECT_EQ(std::vector<int>({bfd_version(*p), bfd_diag(*p), bfd_state_of(*p), p->flags & 0x3F,

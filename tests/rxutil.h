@@ -77,7 +77,7 @@ struct request {
 // death test's child writes show here) with the session table set up
 // (setup_table, split off so a test may fill the store first), the receive
 // socket pair, a transmit socket and a loopback receiver whose address is
-// the source of every frame of spec().
+// the source of every frame of frame_shape().
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
 		mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -118,14 +118,14 @@ struct harness {
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
 	reflector_shm *shm() const { return store; }
 	// An IPv4/UDP frame from the receiver's address and port to 7784.
-	frame_spec spec() const
+	frame_spec frame_shape() const
 	{
 		frame_spec s;
 		s.src_ip = INADDR_LOOPBACK;
 		s.src_port = receiver_port;
 		return s;
 	}
-	bytes frame(const request &r) const { return probe_frame_build(spec(), r.encode()); }
+	bytes frame(const request &r) const { return probe_frame_build(frame_shape(), r.encode()); }
 
 	// Hands one datagram to a receive callback through the socket pair.
 	void feed(const bytes &b, void (*cb)(int, short, void *) = rx_data_ready)
