@@ -11,6 +11,8 @@
 #   6. cost of a trace record on the fast path (Google Benchmark)
 #   7. cost of the always-on table check per lookup with the L1 cache taken
 #      by other work, as the daemon meets it (bench_rx)
+#   8. time of the reflector's core per request, user and kernel, at a rate
+#      neither reflector saturates (with one CPU it includes the load generator)
 #
 # and prints every figure beside its target and the baseline. Every trace
 # level of the daemon is on (it always traces). Never part of the test run.
@@ -168,6 +170,23 @@ sweep() {
 	done
 }
 
+# core_cost KIND: the reflector core's time per request at $cost_rate
+# requests/s (not saturated), from its tick counters over one trial: "busy
+# user" in microseconds. Busy time is user, system and interrupt time; the
+# core also runs the kernel's receive path of the replies, which the veth
+# pair hands over on the sending core.
+cost_rate=60000
+core_cost() {
+	local cpu=$(($(nproc) - 1)) hz before after
+	hz=$(getconf CLK_TCK)
+	ticks() { awk -v c="cpu$cpu" '$1 == c { print $2 + $3 + $4 + $7 + $8, $2 + $3 }' /proc/stat; }
+	before=$(ticks)
+	trial $cost_rate >>"$work/cost.$1"
+	after=$(ticks)
+	echo "$before $after" | awk -v hz="$hz" -v n="$(field received <"$work/cost.$1")" \
+		'{ if (n > 0) printf "%.2f %.2f\n", ($3 - $1) / hz / n * 1e6, ($4 - $2) / hz / n * 1e6; else print "- -" }'
+}
+
 # p99_median KIND: the median p99 of $p99_trials trials at 100000 requests/s
 # against the running reflector; every trial goes to trials.txt.
 p99_median() {
@@ -185,6 +204,7 @@ trial 5000 1 >/dev/null
 base_max=$(search baseline)
 sweep baseline
 read -r base_p99 base_p99_range < <(p99_median baseline)
+read -r base_core base_core_user < <(core_cost baseline)
 stop_reflector
 
 echo "== daemon: search and sweep"
@@ -200,6 +220,7 @@ sends_start=$(shm_u64 8)
 daemon_max=$(search daemon)
 sweep daemon
 read -r daemon_p99 daemon_p99_range < <(p99_median daemon)
+read -r daemon_core daemon_core_user < <(core_cost daemon)
 rss_end=$(rss_kib "$reflector_pid")
 anon_end=$(anon_kib "$reflector_pid")
 sends_end=$(shm_u64 8)
@@ -278,6 +299,9 @@ ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }'
 	printf '%-44s %14s %14s %8s  %s\n' "p99 round trip at 100000 req/s (us)" "$daemon_p99" "$base_p99" \
 		"$(ratio "$daemon_p99" "$base_p99")" "<= 1.2 x baseline: $(verdict "$ok_p99")"
 	printf '%-44s %14s %14s\n' "  median of $p99_trials trials; their range" "$daemon_p99_range" "$base_p99_range"
+	printf '%-44s %14s %14s %8s  %s\n' "reflector core time per request (us)" "$daemon_core" "$base_core" \
+		"$(ratio "$daemon_core" "$base_core")" "(at $cost_rate req/s: user, system and interrupt time of its core)"
+	printf '%-44s %14s %14s\n' "  of which user time (us)" "$daemon_core_user" "$base_core_user"
 	printf '%-44s %14s %14s %8s  %s\n' "user-space instructions per request" "$(per_req "$ir_total")" "-" "-" \
 		"(callgrind, $cg_received requests, inside rx_data_ready)"
 	for f in "session_sanity_check(" "get_session(" "emit<" ":bl_" "dotted(" "memset" "sendto" "recvfrom"; do
