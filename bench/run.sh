@@ -54,7 +54,6 @@ disc=7
 sessions=512
 work=$(mktemp -d "/tmp/orvbench-$$-XXXXXX")
 shm=/dev/shm/orvalindwarden-orvbench-$$
-pid_file=/var/run/orvalindwarden.pid
 reflector_pid=
 trial_s=3
 p99_trials=5
@@ -67,7 +66,7 @@ if [ "$(nproc)" -ge 2 ]; then
 	pin_i=(taskset -c 0)
 fi
 
-if [ -e "$pid_file" ]; then cp -p "$pid_file" "$work/pid_file.saved"; fi
+pid_file_keep "$work"
 
 stop_reflector() {
 	if [ -n "$reflector_pid" ] && kill -0 "$reflector_pid" 2>/dev/null; then
@@ -81,7 +80,7 @@ cleanup() {
 	stop_reflector
 	netns_pair_down "$ns_r" "$ns_i"
 	rm -f "$shm"
-	if [ -e "$work/pid_file.saved" ]; then cp -p "$work/pid_file.saved" "$pid_file"; else rm -f "$pid_file"; fi
+	pid_file_restore "$work"
 	rm -rf "$work"
 }
 trap cleanup EXIT

@@ -32,15 +32,11 @@ addr_r=192.0.2.1
 addr_i=192.0.2.2
 disc=1
 min_rx=50000
-pid_file=/var/run/orvalindwarden.pid
 shm_name=orvalindwarden-$ns_r # NSPATH=/$ns_r, "/" becomes "-"
 work=$(mktemp -d "/tmp/orvdemo-$$-XXXXXX")
 daemon_pid=
 
-# The daemon writes the global pid file: keep what was there.
-if [ -e "$pid_file" ]; then
-	cp -p "$pid_file" "$work/pid_file.saved"
-fi
+pid_file_keep "$work"
 
 cleanup() {
 	trap - EXIT INT TERM
@@ -51,11 +47,7 @@ cleanup() {
 	fi
 	netns_pair_down "$ns_r" "$ns_i"
 	rm -f "/dev/shm/$shm_name"
-	if [ -e "$work/pid_file.saved" ]; then
-		cp -p "$work/pid_file.saved" "$pid_file"
-	else
-		rm -f "$pid_file"
-	fi
+	pid_file_restore "$work"
 	rm -rf "$work"
 }
 trap cleanup EXIT
@@ -98,7 +90,7 @@ if [ -z "$ready" ]; then
 	"$bin/blcat" "$work/orvalindwarden.bl" 2>/dev/null || true
 	exit 1
 fi
-echo "   ready, pid $daemon_pid; pid file says $(cat "$pid_file" 2>/dev/null || echo nothing)"
+echo "   ready, pid $daemon_pid; pid file says $(cat "$ORV_PID_FILE" 2>/dev/null || echo nothing)"
 
 step "sbfd-ping from $ns_i: plain UDP to $addr_r port 7784"
 ping_reflector -c 3 -i 0.2 --my-disc 100

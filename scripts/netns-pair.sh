@@ -1,9 +1,12 @@
 # netns-pair.sh -- sourced by the demo, soak and benchmark scripts: two
 # network namespaces joined by a veth pair, the reflector's side vr0 and the
-# initiator's side vi0, each with one address of a /24.
+# initiator's side vi0, each with one address of a /24; and the keeping of
+# the daemon's global pid file, which a daemon these scripts start writes over.
 #
 #   netns_pair_up NS_R ADDR_R NS_I ADDR_I
 #   netns_pair_down NS_R NS_I          (quiet; safe when they do not exist)
+#   pid_file_keep WORKDIR              (before the first daemon starts)
+#   pid_file_restore WORKDIR           (on the way out: back as it was)
 
 netns_pair_up() {
 	local ns_r=$1 addr_r=$2 ns_i=$3 addr_i=$4
@@ -21,4 +24,14 @@ netns_pair_up() {
 netns_pair_down() {
 	ip netns del "$2" 2>/dev/null || true
 	ip netns del "$1" 2>/dev/null || true
+}
+
+ORV_PID_FILE=/var/run/orvalindwarden.pid
+
+pid_file_keep() {
+	if [ -e "$ORV_PID_FILE" ]; then cp -p "$ORV_PID_FILE" "$1/pid_file.saved"; fi
+}
+
+pid_file_restore() {
+	if [ -e "$1/pid_file.saved" ]; then cp -p "$1/pid_file.saved" "$ORV_PID_FILE"; else rm -f "$ORV_PID_FILE"; fi
 }

@@ -35,11 +35,10 @@ disc=7
 min_rx=3300
 work=$(mktemp -d "/tmp/orvsoak-$$-XXXXXX")
 shm=/dev/shm/orvalindwarden-orvsoak-$$
-pid_file=/var/run/orvalindwarden.pid
 daemon_pid=
 helpers=()
 
-if [ -e "$pid_file" ]; then cp -p "$pid_file" "$work/pid_file.saved"; fi
+pid_file_keep "$work"
 cleanup() {
 	trap - EXIT INT TERM
 	for p in "${helpers[@]}"; do kill "$p" 2>/dev/null || true; done
@@ -47,7 +46,7 @@ cleanup() {
 	wait 2>/dev/null || true
 	netns_pair_down "$ns_r" "$ns_i"
 	rm -f "$shm"
-	if [ -e "$work/pid_file.saved" ]; then cp -p "$work/pid_file.saved" "$pid_file"; else rm -f "$pid_file"; fi
+	pid_file_restore "$work"
 	rm -rf "$work"
 }
 trap cleanup EXIT
