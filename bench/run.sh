@@ -46,13 +46,9 @@ bash "$top/scripts/deps.sh"
 bash "$top/scripts/build.sh" "$build" >/dev/null
 mkdir -p "$out"
 
-ns_r=orvbench-r-$$
-ns_i=orvbench-i-$$
-addr_r=192.0.2.1
-addr_i=192.0.2.2
+run_setup orvbench
 disc=7
 sessions=512
-work=$(mktemp -d "/tmp/orvbench-$$-XXXXXX")
 shm=/dev/shm/orvalindwarden-orvbench-$$
 reflector_pid=
 trial_s=3
@@ -66,7 +62,6 @@ if [ "$(nproc)" -ge 2 ]; then
 	pin_i=(taskset -c 0)
 fi
 
-pid_file_keep "$work"
 
 stop_reflector() {
 	if [ -n "$reflector_pid" ] && kill -0 "$reflector_pid" 2>/dev/null; then

@@ -26,17 +26,11 @@ fi
 bash "$top/scripts/deps.sh"
 bash "$top/scripts/build.sh" "$build"
 
-ns_r=orvdemo-r-$$
-ns_i=orvdemo-i-$$
-addr_r=192.0.2.1
-addr_i=192.0.2.2
+run_setup orvdemo
 disc=1
 min_rx=50000
 shm_name=orvalindwarden-$ns_r # NSPATH=/$ns_r, "/" becomes "-"
-work=$(mktemp -d "/tmp/orvdemo-$$-XXXXXX")
 daemon_pid=
-
-pid_file_keep "$work"
 
 cleanup() {
 	trap - EXIT INT TERM

@@ -3,10 +3,20 @@
 # initiator's side vi0, each with one address of a /24; and the keeping of
 # the daemon's global pid file, which a daemon these scripts start writes over.
 #
+#   run_setup NAME                     (ns_r, ns_i, addr_r, addr_i, a work
+#                                       directory in work; keeps the pid file)
 #   netns_pair_up NS_R ADDR_R NS_I ADDR_I
 #   netns_pair_down NS_R NS_I          (quiet; safe when they do not exist)
-#   pid_file_keep WORKDIR              (before the first daemon starts)
 #   pid_file_restore WORKDIR           (on the way out: back as it was)
+
+run_setup() {
+	ns_r=$1-r-$$
+	ns_i=$1-i-$$
+	addr_r=192.0.2.1
+	addr_i=192.0.2.2
+	work=$(mktemp -d "/tmp/$1-$$-XXXXXX")
+	pid_file_keep "$work"
+}
 
 netns_pair_up() {
 	local ns_r=$1 addr_r=$2 ns_i=$3 addr_i=$4

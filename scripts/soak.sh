@@ -27,18 +27,13 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 bash "$top/scripts/build.sh" "$build" >/dev/null
 
-ns_r=orvsoak-r-$$
-ns_i=orvsoak-i-$$
-addr_r=192.0.2.1
-addr_i=192.0.2.2
+run_setup orvsoak
 disc=7
 min_rx=3300
-work=$(mktemp -d "/tmp/orvsoak-$$-XXXXXX")
 shm=/dev/shm/orvalindwarden-orvsoak-$$
 daemon_pid=
 helpers=()
 
-pid_file_keep "$work"
 cleanup() {
 	trap - EXIT INT TERM
 	for p in "${helpers[@]}"; do kill "$p" 2>/dev/null || true; done
@@ -101,46 +96,50 @@ run_half() {
 		--sessions 512 --rate "$rate" --duration "$1" --malformed-every 50
 }
 
+# soak_half N [daemon options]: starts the daemon, runs half of the soak
+# with harm beside it; the load's result line and the daemon's memory at
+# start and end go to result[N], rss_at[N], rss_end[N], anon_at[N], anon_end[N].
+result=() rss_at=() rss_end=() anon_at=() anon_end=()
+soak_half() {
+	local n=$1
+	shift
+	start_daemon "$@"
+	warm_up
+	rss_at[n]=$(rss)
+	anon_at[n]=$(anon)
+	harass
+	result[n]=$(run_half "$half")
+	rss_end[n]=$(rss)
+	anon_end[n]=$(anon)
+	stop_harass
+}
+
 half=$((seconds / 2))
 echo "== soak: ${seconds}s at $rate requests/s, 1 in 50 malformed, control messages, signals, one SIGKILL"
-start_daemon
-warm_up
-rss_1=$(rss)
-anon_1=$(anon)
-harass
-first=$(run_half "$half")
-rss_1_end=$(rss)
-anon_1_end=$(anon)
-stop_harass
-echo "first half:  $first"
+soak_half 1
+echo "first half:  ${result[1]}"
 kill -9 "$daemon_pid"
 wait "$daemon_pid" 2>/dev/null || true
 valid_killed=$(u64 16)
 sends_killed=$(u64 8)
-start_daemon -S
-warm_up
-rss_2=$(rss)
-anon_2=$(anon)
-harass
-second=$(run_half "$half")
-rss_2_end=$(rss)
-anon_2_end=$(anon)
-stop_harass
-echo "second half: $second"
+soak_half 2 -S
+echo "second half: ${result[2]}"
 
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p"; }
 valid=$(u64 16)
 sends=$(u64 8)
 drops=$(u64 0)
 fails=$(u32 68)
-offered=$(($(echo "$first" | field sent) + $(echo "$second" | field sent)))
-answered=$(($(echo "$first" | field received) + $(echo "$second" | field received)))
-malformed=$(($(echo "$first" | field malformed) + $(echo "$second" | field malformed)))
-wrong=$(($(echo "$first" | field wrong) + $(echo "$second" | field wrong) + $(echo "$first" | field duplicate) + $(echo "$second" | field duplicate)))
+# both F: the sum of field F over the two halves' result lines
+both() { echo $(($(echo "${result[1]}" | field "$1") + $(echo "${result[2]}" | field "$1"))); }
+offered=$(both sent)
+answered=$(both received)
+malformed=$(both malformed)
+wrong=$(($(both wrong) + $(both duplicate)))
 echo
 trace_kib=$(($(stat -c %s "$work/orvalindwarden.bl") / 1024))
-echo "daemon RSS KiB: first run $rss_1 -> $rss_1_end, after restart $rss_2 -> $rss_2_end"
-echo "  anonymous KiB: first run $anon_1 -> $anon_1_end, after restart $anon_2 -> $anon_2_end; trace file $trace_kib KiB"
+echo "daemon RSS KiB: first run ${rss_at[1]} -> ${rss_end[1]}, after restart ${rss_at[2]} -> ${rss_end[2]}"
+echo "  anonymous KiB: first run ${anon_at[1]} -> ${anon_end[1]}, after restart ${anon_at[2]} -> ${anon_end[2]}; trace file $trace_kib KiB"
 echo "store: rx_valid_pkts $valid, tx_sends $sends, sendto_fail $fails, rx_drops $drops"
 echo "load:  valid sent $offered, answered $answered, malformed sent $malformed, wrong or duplicate replies $wrong"
 status=0
@@ -156,5 +155,5 @@ check "malformed requests were all dropped, none answered" "[ $drops -le $malfor
 # The mapped trace file becomes resident as its rings fill (bounded by its
 # size); anonymous memory (heap, stack) must not move at all.
 check "anonymous memory flat within each run (<= 64 KiB), all of it within the trace file's size" \
-	"[ \$((anon_1_end - anon_1)) -le 64 ] && [ \$((anon_2_end - anon_2)) -le 64 ] && [ $rss_1_end -le \$((anon_1_end + trace_kib + 4096)) ]"
+	"[ $((anon_end[1] - anon_at[1])) -le 64 ] && [ $((anon_end[2] - anon_at[2])) -le 64 ] && [ ${rss_end[1]} -le $((anon_end[1] + trace_kib + 4096)) ]"
 exit $status
