@@ -1,16 +1,17 @@
 // brevlog_test.cpp -- the trace library and blcat: long texts are cut, rings
-// keep the newest records, record times read as the system clock did,
-// records written from a signal handler never disturb the interrupted one;
-// the reader renders as printf does and survives corrupt and cut files (this
-// suite also runs under ASan); blcat's output of every argument type, level
-// filter, merge and exit statuses.
+// keep the newest records, record times read as the system clock did, a
+// signal handler's records never disturb the interrupted one; the reader
+// renders as printf does and survives corrupt files (also under ASan);
+// blcat's output, level filter, merge and exit statuses.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <regex>
+#include <thread>
 
 #include "blreader.h"
 #include "brevlog.h"
@@ -23,8 +24,7 @@ void write_golden_records();  // at the end of this file, under a fixed file nam
 
 namespace {
 
-// The process-wide handle on `name` in `dir` (BREVLOG_DIR while it lives),
-// closed when it goes.
+// The process-wide handle on `name` in `dir` (BREVLOG_DIR while it lives).
 struct global_handle {
 	global_handle(const std::string &dir, const char *sizes, const char *name = "test.bl")
 	{
@@ -66,12 +66,27 @@ std::vector<record> read_all(const std::string &path, blr_stats *stats = nullptr
 	return out;
 }
 
-std::uint64_t realtime_ns()
+void trace_nested(int) { TRACE(TRACE_ERROR, "ERROR: nested"); }
+
+volatile sig_atomic_t handled;
+
+void on_rt(int)
 {
-	timespec ts;
-	clock_gettime(CLOCK_REALTIME, &ts);
-	return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<std::uint64_t>(ts.tv_nsec);
+	handled = handled + 1;
+	TRACE(TRACE_ERROR, "Got SIG43 but ignore %u", (std::uint32_t)handled);
 }
+
+// Installs `fn` for SIGRTMIN + 9 while it lives.
+struct rt_handler {
+	explicit rt_handler(void (*fn)(int))
+	{
+		struct sigaction sa = {};
+		sa.sa_handler = fn;
+		sigaction(SIGRTMIN + 9, &sa, &saved);
+	}
+	~rt_handler() { sigaction(SIGRTMIN + 9, &saved, nullptr); }
+	struct sigaction saved = {};
+};
 
 }  // namespace
 
@@ -96,30 +111,24 @@ TEST(BrevlogWriter, LongTextIsCutToTheRecordAndAFullRingKeepsOnlyTheNewestRecord
 	EXPECT_EQ(stats.malformed, 0u);
 }
 
-namespace {
-
-void trace_nested(int) { TRACE(TRACE_ERROR, "ERROR: nested"); }
-
-}  // namespace
-
-// Record times may come from the TSC, interpolated between anchors taken
-// from the system clock; they must still read as the system clock did, also
-// after a pause longer than the anchor interval, and never step back. A
-// handler's record nested in a record held open that long takes the time of
-// the moment too (it may not take a new anchor under the interrupted
-// record); so does the next outermost record.
+// Record times may be interpolated between anchors taken from the system
+// clock; they must still read as the clock did, also after pauses longer
+// than the anchor interval. A handler's record nested in a record held open
+// that long may not take a new anchor under it, yet must read right too,
+// and so must the next outermost record.
 TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 {
 	testutil::temp_dir dir;
 	global_handle g(dir.path(), "64, 8");
 	ASSERT_TRUE(bl_isInitialized(bl_handle));
-	struct sigaction sa = {}, saved = {};
-	sa.sa_handler = trace_nested;
-	ASSERT_EQ(sigaction(SIGRTMIN + 9, &sa, &saved), 0);
-	const testutil::undo restore{[&] { sigaction(SIGRTMIN + 9, &saved, nullptr); }};
-
+	const rt_handler rt(trace_nested);
 	std::vector<std::string> texts;
 	std::vector<std::pair<std::uint64_t, std::uint64_t>> windows;  // clock readings around each record
+	auto realtime_ns = [] {
+		timespec ts;
+		clock_gettime(CLOCK_REALTIME, &ts);
+		return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<std::uint64_t>(ts.tv_nsec);
+	};
 	auto timed = [&](const std::string &text, auto write) {
 		texts.push_back(text);
 		windows.emplace_back(realtime_ns(), 0);
@@ -127,7 +136,7 @@ TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 		windows.back().second = realtime_ns();
 	};
 	std::uint32_t n = 0;
-	for (const std::uint32_t ms : {0, 1, 60, 0, 130, 5}) {
+	for (const std::uint32_t ms : {0, 60, 0, 130, 5}) {
 		usleep(ms * 1000);
 		for (std::uint32_t k = 0; k < 200; k++, n++)
 			timed("INIT: " + std::to_string(n), [&] { TRACE(0, "INIT: %u", n); });
@@ -155,107 +164,57 @@ TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 	}
 }
 
-// The child traces at levels 3 and 1 in a loop while the parent signals it;
-// its handler traces at level 1. Every record must come back whole.
-namespace {
-
-volatile sig_atomic_t handled, stop_child;
-
-void on_rt(int)
+// This thread traces at levels 3 and 1 while another signals it; the
+// handler traces at level 1. Every record must come back whole.
+TEST(BrevlogSignals, HandlerRecordsNeverDisturbTheInterruptedRecord)
 {
-	handled = handled + 1;
-	TRACE(TRACE_ERROR, "Got SIG43 but ignore %u", (std::uint32_t)handled);
-}
-
-void on_stop(int) { stop_child = 1; }
-
-[[noreturn]] void signalled_child(int ready_fd)
-{
-	bl_handle = bl_initialize_handle("test.bl", "4, 32768, 4, 32768");
-	if (!bl_handle)
-		_exit(3);
-	struct sigaction sa = {};
-	sa.sa_handler = on_rt;
-	sigaction(SIGRTMIN + 9, &sa, nullptr);
-	sa.sa_handler = on_stop;
-	sigaction(SIGUSR1, &sa, nullptr);
+	testutil::temp_dir dir;
+	global_handle g(dir.path(), "4, 32768, 4, 32768");
+	const rt_handler rt(on_rt);
+	constexpr int SIGNALS = 5000;
+	std::atomic<bool> tracing{false}, done{false};
+	int sent = 0;
+	std::thread sender([&, target = pthread_self()] {
+		while (!tracing)
+			std::this_thread::yield();
+		const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+		while (sent < SIGNALS && std::chrono::steady_clock::now() < deadline) {
+			if (pthread_kill(target, SIGRTMIN + 9) == 0)
+				sent++;
+			else
+				usleep(100);  // the signal queue is full
+			if (sent % 50 == 0)
+				usleep(50);  // let the traced flow run between bursts
+		}
+		done = true;
+	});
 	std::uint32_t i = 0;
-	while (!stop_child) {
-		if (i == 1000 && write(ready_fd, "r", 1) != 1)  // tracing is under way
-			_exit(4);
+	while (!done) {
 		if (i < 400000) {  // fits the 32 MiB rings
 			TRACE(TRACE_RX, "RX: n=%u %s %lu", i, "fixed text", (std::uint64_t)i * 3);
 			TRACE(TRACE_ERROR, "ERROR: main %u", i);
-			i++;
+			tracing = ++i >= 1000;
 		}
 		for (volatile int k = 0; k < 300;)
 			k = k + 1;
 	}
-	TRACE(TRACE_INIT, "INIT: handled %u main %u", (std::uint32_t)handled, i);
-	_exit(0);
-}
-
-}  // namespace
-
-TEST(BrevlogSignals, HandlerRecordsNeverDisturbTheInterruptedRecord)
-{
-	testutil::temp_dir dir;
-	setenv("BREVLOG_DIR", dir.path().c_str(), 1);
-	int pfd[2];
-	ASSERT_EQ(pipe(pfd), 0);
-	pid_t pid = fork();
-	ASSERT_NE(pid, -1);
-	if (pid == 0) {
-		close(pfd[0]);
-		signalled_child(pfd[1]);
-	}
-	const testutil::undo reap{[&] {
-		unsetenv("BREVLOG_DIR");
-		if (pid > 0)
-			kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-	}};
-	close(pfd[1]);
-	char c;
-	ASSERT_EQ(read(pfd[0], &c, 1), 1);
-	close(pfd[0]);
-	constexpr int SIGNALS = 5000;
-	int sent = 0;
-	const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-	while (sent < SIGNALS && std::chrono::steady_clock::now() < deadline) {
-		if (kill(pid, SIGRTMIN + 9) == 0)
-			sent++;
-		else
-			usleep(100);  // the child's signal queue is full
-		if (sent % 50 == 0)
-			usleep(50);  // let the main flow run between bursts
-	}
-	kill(pid, SIGUSR1);
-	int status = 0;
-	ASSERT_EQ(waitpid(pid, &status, 0), pid);
-	pid = 0;
-	ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+	sender.join();
 	ASSERT_EQ(sent, SIGNALS);
-
+	testutil::wait_until([] { return handled == SIGNALS; });  // every queued signal delivered
 	blr_stats stats;
 	const auto recs = read_all(dir.file("test.bl"), &stats);
 	EXPECT_EQ(stats.malformed, 0u);
 	std::uint32_t rx = 0, main_err = 0, sig = 0;
-	bool done = false;
 	for (const auto &r : recs) {
 		if (r.level == TRACE_RX) {
 			ASSERT_EQ(r.text, "RX: n=" + std::to_string(rx) + " fixed text " + std::to_string(rx * 3ull));
 			rx++;
 		} else if (r.level == TRACE_ERROR && r.text.starts_with("ERROR: main "))
 			ASSERT_EQ(r.text, "ERROR: main " + std::to_string(main_err++));
-		else if (r.level == TRACE_ERROR)
-			ASSERT_EQ(r.text, "Got SIG43 but ignore " + std::to_string(++sig));
 		else
-			done = r.text == "INIT: handled " + std::to_string(sig) + " main " + std::to_string(rx);
+			ASSERT_EQ(r.text, "Got SIG43 but ignore " + std::to_string(++sig));
 	}
-	EXPECT_TRUE(done);
-	EXPECT_EQ(sig, static_cast<std::uint32_t>(SIGNALS));
-	EXPECT_EQ(main_err, rx);
-	EXPECT_GT(rx, 0u);
+	EXPECT_EQ(std::tuple(sig, main_err, rx), std::tuple(static_cast<std::uint32_t>(SIGNALS), i, i));
 }
 
 namespace {
@@ -267,7 +226,6 @@ template <typename T> std::string c_printf(const char *fmt, T v)
 	return buf;
 }
 blr_value num(bl_type t, std::uint64_t bits) { return {t, bits, {}}; }
-blr_value sgn(bl_type t, std::int64_t v) { return {t, static_cast<std::uint64_t>(v), {}}; }
 blr_value txt(const char *s) { return {BL_T_CHARP, 0, s}; }
 
 }  // namespace
@@ -279,34 +237,25 @@ TEST(BlreaderFormat, ConversionsRenderAsPrintfWithTheConversionsType)
 		std::vector<blr_value> values;
 		std::string want;
 	} cases[] = {
-		{"%u", {sgn(BL_T_S32, -1)}, "4294967295"},
-		{"%-5d|%+.5d", {sgn(BL_T_S32, -3), sgn(BL_T_S32, 42)}, "-3   |+00042"},
-		{"%x %X %#o", {num(BL_T_U32, 0xdeadbeef), num(BL_T_U32, 0xab), num(BL_T_U16, 8)}, "deadbeef AB 010"},
+		{"%u|%-5d|%+.5d", {num(BL_T_S32, ~0ull), num(BL_T_S32, -3ull), num(BL_T_S32, 42)}, "4294967295|-3   |+00042"},
+		{"%x %X %#o %c%c", {num(BL_T_U32, 0xdeadbeef), num(BL_T_U32, 0xab), num(BL_T_U16, 8), num(BL_T_U8, 65), num(BL_T_U16, 0x142)},
+		 "deadbeef AB 010 AB"},
 		{"%hd", {num(BL_T_U32, 70000)}, c_printf("%hd", static_cast<short>(70000))},
-		{"%lld", {num(BL_T_U64, UINT64_MAX)}, "-1"},
 		{"%p", {num(BL_T_U64, 0x1234)}, c_printf("%p", reinterpret_cast<void *>(0x1234))},
-		{"%c%c", {num(BL_T_U8, 65), num(BL_T_U16, 0x142)}, "AB"},
 		{"%.3s|%-4s|", {txt("abcdef"), txt("x")}, "abc|x   |"},
-		{"a trailing %", {}, "a trailing %"},
-		{"%n%d", {num(BL_T_U8, 5)}, "%n5"},
+		// Hostile or unsupported conversions: never a value taken from
+		// elsewhere, never a huge allocation.
+		{"%n%d a trailing %", {num(BL_T_U8, 5)}, "%n5 a trailing %"},
 		{"%*d|%d", {num(BL_T_U8, 5)}, "%*d|5"},
-		{"%f %u", {num(BL_T_U32, 1), num(BL_T_U32, 2)}, "<?> 2"},
-		{"%ls", {txt("wide")}, "<?>"},
+		{"%f %u %ls", {num(BL_T_U32, 1), num(BL_T_U32, 2), txt("wide")}, "<?> 2 <?>"},
 		{"%d", {num(BL_T_U32, 7), num(BL_T_U32, 8)}, "7"},
-		{"%99999999d", {num(BL_T_U32, 7)}, "%99999999d"},
-		{"%y", {num(BL_T_U32, 7)}, "%y"},
+		{"%99999999d %y", {num(BL_T_U32, 7)}, "%99999999d %y"},
 	};
 	for (const auto &c : cases)
 		EXPECT_EQ(blr_format(c.fmt, c.values), c.want) << '"' << c.fmt << '"';
 }
 
 namespace {
-
-std::vector<unsigned char> bytes_of(const std::string &path)
-{
-	const std::string s = testutil::read_file(path);
-	return {s.begin(), s.end()};
-}
 
 // Two trace files, written once per process (a call site describes itself
 // only on its first use): golden.bl with the golden records at fixed times,
@@ -320,10 +269,10 @@ protected:
 			global_handle g(dir->path(), "4, 4, 4", "golden.bl");
 			write_golden_records();
 		}
-		// Every record's time, in writing order, becomes 2024-03-01
-		// 12:00:00 UTC plus 1.5 ms per record, so that the rendering is
-		// reproducible.
-		std::vector<unsigned char> image = bytes_of(golden());
+		// Record times become 2024-03-01 12:00:00 UTC plus 1.5 ms per
+		// record, in writing order, so that the rendering is reproducible.
+		const std::string s = testutil::read_file(golden());
+		const std::vector<unsigned char> image(s.begin(), s.end());
 		blr_file f;
 		ASSERT_EQ(blr_attach(f, image, "golden.bl"), "");
 		std::vector<blr_record> recs;
@@ -365,7 +314,8 @@ blcat_result blcat(std::vector<std::string> args)
 
 TEST_F(TraceFile, EverySingleByteCorruptionIsRejectedOrSkipped)
 {
-	std::vector<unsigned char> image = bytes_of(dir->file("wrapped.bl"));
+	const std::string s = testutil::read_file(dir->file("wrapped.bl"));
+	std::vector<unsigned char> image(s.begin(), s.end());
 	// Renders every record; false when the image does not open.
 	auto renders = [&] {
 		blr_file f;
@@ -398,18 +348,12 @@ TEST_F(TraceFile, EverySingleByteCorruptionIsRejectedOrSkipped)
 	EXPECT_GT(rejected, 0);
 }
 
-TEST_F(TraceFile, BlcatPrintsAllLevelsMergedInTimeOrder)
+TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesAndMergesFilesByTime)
 {
 	const blcat_result r = blcat({golden()});
 	if (std::getenv("BLCAT_UPDATE_GOLDEN"))  // regenerate after a deliberate change
 		std::ofstream(ORV_SOURCE_DIR "/tests/data/blcat_golden.txt") << r.out;
-	EXPECT_EQ(r.status, 0);
-	EXPECT_EQ(r.err, "");
-	EXPECT_EQ(r.out, expected());
-}
-
-TEST_F(TraceFile, BlcatSelectsLevelsAndMergesFilesByTime)
-{
+	EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(0, expected(), ""));
 	// The golden output split into records: a record starts with its time stamp.
 	static const std::regex start("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{9} L");
 	std::vector<std::string> all;
@@ -419,48 +363,36 @@ TEST_F(TraceFile, BlcatSelectsLevelsAndMergesFilesByTime)
 			all.push_back(line + "\n");
 		else
 			all.back() += line + "\n";
-	const struct {
-		const char *levels;
-		std::vector<const char *> shown;
-	} cases[] = {{"1", {" L1 "}}, {"0,2", {" L0 ", " L2 "}}, {"1-2", {" L1 ", " L2 "}}};
-	for (const auto &c : cases) {
+	for (const auto &[levels, shown] : {std::pair{"1", "1"}, {"0,2", "02"}, {"1-2", "12"}}) {
 		std::string want;
 		for (const auto &rec : all)
-			for (const char *tag : c.shown)
-				if (rec.find(tag) == 29)
-					want += rec;
-		const blcat_result r = blcat({"-l", c.levels, golden()});
-		EXPECT_EQ(r.status, 0) << c.levels;
-		EXPECT_EQ(r.out, want) << c.levels;
+			if (std::strchr(shown, rec[31]))  // the level digit after " L"
+				want += rec;
+		EXPECT_EQ(blcat({"-l", levels, golden()}).out, want) << levels;
 	}
 	const std::string copy = dir->file("copy.bl");
 	std::filesystem::copy_file(golden(), copy, std::filesystem::copy_options::overwrite_existing);
 	std::string want;
 	for (const auto &rec : all)
 		want += rec + rec;  // same times: the first file's record comes first
-	const blcat_result r = blcat({golden(), copy});
-	EXPECT_EQ(r.status, 0);
-	EXPECT_EQ(r.out, want);
+	EXPECT_EQ(blcat({golden(), copy}).out, want);
 }
 
-TEST_F(TraceFile, BlcatGivesOneErrorLineAndStatusOneForAnUnusableOrCutFile)
+// An unusable or cut file gives one error line and status 1, a usage error
+// the usage text and status 2; neither prints records.
+TEST_F(TraceFile, BlcatExitStatusesAndErrorLines)
 {
 	const std::string img = testutil::read_file(golden()), size = std::to_string(img.size());
-	std::string other_version = img, random(5000, '\0');
+	std::string other_version = img;
 	other_version[8] = 2;
-	for (std::size_t i = 0; i < random.size(); i++)
-		random[i] = static_cast<char>((i * 7919 + 13) % 251);
 	const struct {
 		const char *name;
 		std::string content, why;
 	} cases[] = {
 		{"empty.bl", "", "not a trace file (empty)"},
 		{"cut7.bl", img.substr(0, 7), "not a trace file"},
-		{"cut8.bl", img.substr(0, 8), "truncated (8 bytes, header is 4096)"},
 		{"cut4095.bl", img.substr(0, 4095), "truncated (4095 bytes, header is 4096)"},
-		{"cut4096.bl", img.substr(0, 4096), "truncated (4096 bytes, header says " + size + ")"},
 		{"cut1.bl", img.substr(0, img.size() - 1), "truncated (" + std::to_string(img.size() - 1) + " bytes, header says " + size + ")"},
-		{"random.bl", random, "not a trace file"},
 		{"version.bl", other_version, "unsupported trace file version 2"},
 		{"missing.bl", "", "No such file or directory"},
 	};
@@ -469,19 +401,12 @@ TEST_F(TraceFile, BlcatGivesOneErrorLineAndStatusOneForAnUnusableOrCutFile)
 		if (c.name != std::string("missing.bl"))
 			std::ofstream(path, std::ios::binary) << c.content;
 		const blcat_result r = blcat({golden(), path});
-		EXPECT_EQ(r.status, 1) << c.name;
-		EXPECT_EQ(r.out, "") << c.name;
-		EXPECT_EQ(r.err, "blcat: " + path + ": " + c.why + "\n");
+		EXPECT_EQ(std::tuple(r.status, r.out, r.err), std::tuple(1, "", "blcat: " + path + ": " + c.why + "\n")) << c.name;
 	}
-}
-
-TEST_F(TraceFile, BlcatUsageErrorsExitWithTwo)
-{
-	for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-		     {}, {"-l", "16", golden()}, {"-l", "", golden()}, {"-x", golden()}, {"-l"}}) {
+	for (const std::vector<std::string> &args :
+	     std::vector<std::vector<std::string>>{{}, {"-l", "16", golden()}, {"-l", "", golden()}, {"-x", golden()}, {"-l"}}) {
 		const blcat_result r = blcat(args);
-		EXPECT_EQ(r.status, 2) << (args.empty() ? "" : args[0]);
-		EXPECT_EQ(r.out, "");
+		EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(2, "")) << (args.empty() ? "" : args[0]);
 		EXPECT_NE(r.err.find("usage: blcat"), std::string::npos);
 	}
 }

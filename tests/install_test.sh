@@ -1,12 +1,8 @@
 #!/usr/bin/env bash
-# install_test.sh -- what the Debian package installs, and that its unit and
+# install_test.sh -- what the Debian package installs, and that its units and
 # manual pages pass their linters.
 #
 # usage: install_test.sh BUILD_DIR SOURCE_DIR (package|lint)
-#   package  builds the package with cpack from BUILD_DIR into a temporary
-#            directory, checks its file list, its control fields and the
-#            conffile, and verifies the installed units with systemd-analyze
-#   lint     lints every manual page with mandoc
 # Exit status: 0 pass, 1 fail, 77 skipped (a needed program is missing).
 set -euo pipefail
 build=$1 src=$2 what=$3
@@ -45,34 +41,26 @@ package)
 		grep -qx "$f" "$tmp/files" || { cat "$tmp/files"; fail "package lacks $f"; }
 	done
 	! grep -E '_test$|_bench$|/bench' "$tmp/files" || fail "package carries test programs"
-
-	# Control fields and the conffile.
 	dpkg-deb -I "$deb" >"$tmp/info"
-	for field in 'Package: orvalindwarden' 'Maintainer: ' 'Architecture: ' 'Depends: .*libevent' 'Section: net' 'Version: '; do
+	for field in 'Package: orvalindwarden' 'Maintainer: ' 'Depends: .*libevent'; do
 		grep -q "^ $field" "$tmp/info" || { cat "$tmp/info"; fail "control lacks \"$field\""; }
 	done
 	dpkg-deb -e "$deb" "$tmp/control"
 	grep -qx /etc/default/orvalindwarden "$tmp/control/conffiles" || fail "the environment file is not a conffile"
 
-	# The units as installed. systemd-analyze checks their syntax and
-	# directives, and that ExecStart names an executable: pointed at the
-	# packaged daemon (the prefix is not installed on this machine). The
-	# template is checked as instance "blue". Warnings do not change its
-	# exit status, so any output fails.
-	if ! command -v systemd-analyze >/dev/null; then
-		echo "systemd-analyze missing: units not verified"
-	else
-		dpkg-deb -x "$deb" "$tmp/root"
-		unitdir=$tmp/root$p/lib/systemd/system
-		grep -q "^ExecStart=$p/sbin/orvalindwarden " "$unitdir/orvalindwarden.service" ||
-			fail "ExecStart does not name the packaged daemon"
-		mkdir "$tmp/units"
-		for pair in orvalindwarden.service:orvalindwarden.service orvalindwarden@.service:orvalindwarden@blue.service; do
-			sed "s#^ExecStart=$p/sbin/#ExecStart=$tmp/root$p/sbin/#" "$unitdir/${pair%%:*}" >"$tmp/units/${pair#*:}"
-			(cd "$tmp/units" && systemd-analyze verify --man=no "./${pair#*:}") >"$tmp/verify" 2>&1 &&
-				[ ! -s "$tmp/verify" ] || { cat "$tmp/verify"; fail "systemd-analyze verify rejects or warns about ${pair%%:*}"; }
-		done
-	fi
+	# The units as installed, ExecStart pointed at the unpacked daemon (the
+	# prefix is not installed here); the template as instance "blue".
+	# systemd-analyze warns without failing, so any output fails.
+	command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing: units not verified"; echo PASS; exit 0; }
+	dpkg-deb -x "$deb" "$tmp/root"
+	unitdir=$tmp/root$p/lib/systemd/system
+	mkdir "$tmp/units"
+	for pair in orvalindwarden.service:orvalindwarden.service orvalindwarden@.service:orvalindwarden@blue.service; do
+		grep -q "^ExecStart=$p/sbin/orvalindwarden " "$unitdir/${pair%%:*}" || fail "${pair%%:*}: ExecStart is not the packaged daemon"
+		sed "s#^ExecStart=$p/sbin/#ExecStart=$tmp/root$p/sbin/#" "$unitdir/${pair%%:*}" >"$tmp/units/${pair#*:}"
+		(cd "$tmp/units" && systemd-analyze verify --man=no "./${pair#*:}") >"$tmp/verify" 2>&1 &&
+			[ ! -s "$tmp/verify" ] || { cat "$tmp/verify"; fail "systemd-analyze verify rejects or warns about ${pair%%:*}"; }
+	done
 	;;
 *)
 	fail "unknown check $what"

@@ -1,8 +1,7 @@
 // rxutil.h -- harness of the packet path and the control channel: a context
-// over a shared store of its own, requests built field by field inside
-// frames of the initiator library's builder, the receive socket pair, a
-// loopback receiver for replies, the scripted sendto of send_seam.cpp, and
-// this process's trace as the reader renders it. Loopback only.
+// over a store of its own, requests built field by field, the receive socket
+// pair, a loopback receiver for replies, the scripted sendto of
+// send_seam.cpp, and this process's trace as the reader renders it.
 #pragma once
 
 #include <arpa/inet.h>
@@ -29,9 +28,8 @@ namespace rxt {
 
 using bytes = std::vector<std::uint8_t>;
 
-// The scripted sendto of send_seam.cpp (in the executables that link it):
-// calls on descriptor `fd` first fail with the errno values of `script`, in
-// order; then return `short_len` when it is not negative, or the full length
+// sendto on descriptor `fd` first fails with the errno values of `script`,
+// in order; then returns `short_len` when not negative, or the full length
 // without sending when `swallow` is set.
 struct seam_state {
 	int fd = -1;
@@ -47,20 +45,17 @@ constexpr std::uint32_t OUR_MIN_RX = 50000;     // us
 
 inline std::uint32_t ip(const char *dotted) { return inet_addr(dotted); }  // network order
 
-// The eleven receive reason counters, in store order.
+// The receive reason counters, in store order.
 constexpr std::uint32_t reflector_shm::*REASONS[] = {
 	&reflector_shm::pkt_truncated, &reflector_shm::bad_version, &reflector_shm::invalid_pkt_len,
 	&reflector_shm::invalid_src_port, &reflector_shm::demand_mode_unset, &reflector_shm::invalid_detect_mult,
 	&reflector_shm::invalid_my_disc, &reflector_shm::your_disc_unmatch, &reflector_shm::invalid_bfd_state,
 	&reflector_shm::unsupported, &reflector_shm::invalid_pkt_format};
 
-// A BFD request as its fields, any of them breakable; encode() gives the wire bytes.
+// A BFD request as its fields, any of them breakable.
 struct request {
-	std::uint8_t version = 1, diag = 0, state = BFD_STATE_DOWN;
-	std::uint8_t flags = BFD_FLAG_D;  // P, F, C, A, D, M bits
-	std::uint8_t detect_mult = 3, length = 24;
-	std::uint32_t my_disc = 0x11223344, your_disc = OUR_DISC;
-	std::uint32_t min_tx = 100000, min_rx = 200000, min_echo_rx = 300000;
+	std::uint8_t version = 1, diag = 0, state = BFD_STATE_DOWN, flags = BFD_FLAG_D, detect_mult = 3, length = 24;
+	std::uint32_t my_disc = 0x11223344, your_disc = OUR_DISC, min_tx = 100000, min_rx = 200000, min_echo_rx = 300000;
 
 	bytes encode() const
 	{
@@ -73,11 +68,10 @@ struct request {
 	}
 };
 
-// A context over a store of its own (an anonymous shared mapping, so a
-// death test's child writes show here) with the session table set up
-// (setup_table, split off so a test may fill the store first), the receive
-// socket pair, a transmit socket and a loopback receiver whose address is
-// the source of every frame of frame_shape().
+// A context over a store of its own (a shared mapping, so a death test's
+// child writes show here), the receive socket pair, a transmit socket and a
+// loopback receiver, the source of every frame of frame_shape().
+// setup_table() is apart so that a test may fill the store first.
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
 		mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -116,8 +110,6 @@ struct harness {
 	harness &operator=(const harness &) = delete;
 
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
-	reflector_shm *shm() const { return store; }
-	// An IPv4/UDP frame from the receiver's address and port to 7784.
 	frame_spec frame_shape() const
 	{
 		frame_spec s;
@@ -134,7 +126,7 @@ struct harness {
 		cb(pair[0], EV_READ, vrf.get());
 	}
 
-	// The next reply that reached the receiver, if any (of 24 bytes).
+	// The next 24-byte reply that reached the receiver, if any.
 	std::optional<bfd_ctrl_pkt> reply()
 	{
 		std::uint8_t b[100];
@@ -176,8 +168,9 @@ private:
 	}
 };
 
-// The trace of this test process as the reader renders it: one handle per
-// process (call-site ids are per process), in a directory of its own.
+// This process's trace (one handle per process: call-site ids are per
+// process), in a directory of its own. take() gives the records written
+// since the last call, (level, text).
 class trace_reader {
 public:
 	static trace_reader &get()
@@ -186,8 +179,6 @@ public:
 		return t;
 	}
 	bool on() const { return open_; }
-
-	// The records written since the last call: (level, text).
 	std::vector<std::pair<int, std::string>> take()
 	{
 		std::vector<std::pair<int, std::string>> out;

@@ -1,7 +1,6 @@
 // sbfd_probe_test.cpp -- the initiator library: frame building and parsing,
 // and the probe loop's matching of replies to probes against a scripted
-// reflector on a loopback address. The request's bytes are read by the
-// daemon end to end (reflect_test).
+// reflector on a loopback address.
 #include "sbfd_probe.h"
 
 #include <arpa/inet.h>
@@ -23,12 +22,8 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 		std::vector<std::uint32_t> labels;
 		std::size_t opt_len, payload_off;
 	} cases[] = {{{}, 0, 42}, {{0}, 0, 46}, {{16, 0}, 0, 50}, {{}, 8, 50}};
-	frame_spec s;
-	s.src_ip = 0xc0000202;
-	s.dst_ip = 0xc0000201;
-	s.src_port = 49152;
-	s.tos = 0xc0;
-	s.ip_ttl = 255;
+	frame_spec s{.tos = 0xc0, .ip_ttl = 255, .src_ip = 0xc0000202, .dst_ip = 0xc0000201, .src_port = 49152};
+	frame_view v;
 	for (const auto &c : cases) {
 		s.labels = c.labels;
 		s.ip_options.assign(c.opt_len, 1);  // NOP options
@@ -38,15 +33,11 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 		// The stack's last entry alone has bottom-of-stack set.
 		for (std::size_t i = 0; i < c.labels.size(); i++)
 			EXPECT_EQ((f[ETH_HDR_LEN + 4 * i + 2] & 1) != 0, i + 1 == c.labels.size());
-		// Both checksums verify: the header sums to zero, and so does the
-		// UDP datagram with its pseudo-header.
+		// Both checksums verify: the header's, and the UDP datagram's with its pseudo-header.
 		const std::size_t ip_off = ETH_HDR_LEN + 4 * c.labels.size(), ihl = IPV4_HDR_LEN + c.opt_len;
-		const std::size_t udp_len = UDP_HDR_LEN + BFD_PKT_LEN;
-		EXPECT_EQ(probe_checksum({&f[ip_off], ihl}), 0);
-		const std::uint32_t pseudo = 0xc000 + 0x0202 + 0xc000 + 0x0201 + 17 + static_cast<std::uint32_t>(udp_len);
-		EXPECT_EQ(probe_checksum({&f[ip_off + ihl], udp_len}, pseudo), 0);
-
-		frame_view v;
+		const std::uint32_t udp_len = UDP_HDR_LEN + BFD_PKT_LEN, pseudo = 0xc000 + 0x0202 + 0xc000 + 0x0201 + 17 + udp_len;
+		EXPECT_EQ(std::tuple(probe_checksum({&f[ip_off], ihl}), probe_checksum({&f[ip_off + ihl], udp_len}, pseudo)),
+			  std::tuple(0, 0));
 		ASSERT_TRUE(probe_frame_parse(f, &v));
 		EXPECT_EQ(std::tuple(v.label_entries.size(), v.src_ip, v.dst_ip, v.src_port, v.dst_port, v.tos, v.ttl),
 			  std::tuple(c.labels.size(), s.src_ip, s.dst_ip, 49152, SBFD_PORT, 0xc0, 255));
@@ -55,7 +46,6 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 			EXPECT_FALSE(probe_frame_parse({f.data(), len}, &v)) << "cut to " << len;
 	}
 	s.ip_proto = 6;
-	frame_view v;
 	EXPECT_FALSE(probe_frame_parse(probe_frame_build(s, payload), &v));
 }
 
@@ -83,19 +73,14 @@ void scripted_reflector(int fd, std::string script)
 TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateAndForeign)
 {
 	// 127.77.x.y from the pid, so parallel runs do not share the port.
-	const in_addr addr{htonl(0x7f4d0000u | (static_cast<std::uint32_t>(getpid()) & 0xffff))};
+	sockaddr_in a{AF_INET, htons(SBFD_PORT), {htonl(0x7f4d0000u | (static_cast<std::uint32_t>(getpid()) & 0xffff))}, {}};
 	unique_fd fd{socket(AF_INET, SOCK_DGRAM, 0)};
-	sockaddr_in a{};
-	a.sin_family = AF_INET;
-	a.sin_port = htons(SBFD_PORT);
-	a.sin_addr = addr;
 	ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
 	timeval tv{5, 0};
 	setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 	std::thread refl(scripted_reflector, fd.get(), "rxodr");
-
 	ping_options opt;
-	opt.target = addr;
+	opt.target = a.sin_addr;
 	opt.count = 5;
 	opt.interval_s = 0.3;
 	opt.timeout_s = 0.2;  // below the interval, so a lost probe is written off before the next
@@ -112,13 +97,11 @@ TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateAndForeign)
 	const std::string output(text, text_len);
 	std::free(text);
 	ASSERT_EQ(rc, PING_OK) << err;
-
 	// Probe 2 is lost, probe 3's reply is for someone else, and the second
 	// reply to probe 4 finds no probe waiting.
 	EXPECT_EQ(std::tuple(st.sent, st.received, st.late, st.foreign), std::tuple(5u, 3u, 1u, 1u));
 	EXPECT_GT(st.rtt_min_ms, 0);
 	EXPECT_LE(st.rtt_min_ms, st.rtt_max_ms);
-	EXPECT_NE(output.find("seq=1 state=Up"), std::string::npos) << output;
 	EXPECT_NE(output.find("(not for us)"), std::string::npos) << output;
 	EXPECT_EQ(output.find("seq=2 "), std::string::npos) << output;
 }

@@ -1,7 +1,6 @@
-// bpf_filter_test.cpp -- the two kernel filter programs of the reflector run
-// in an independent classic BPF interpreter (libpcap's bpf_filter) over
-// crafted frames: what each must pass, and what each must drop. The kernel
-// checks each program when the daemon attaches it (every end-to-end start).
+// bpf_filter_test.cpp -- the reflector's two kernel filter programs run in
+// an independent classic BPF interpreter (libpcap's) over crafted frames.
+// The kernel checks each program when the daemon attaches it.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <pcap/bpf.h>
@@ -17,12 +16,6 @@ static_assert(offsetof(sock_filter, k) == offsetof(bpf_insn, k));
 
 constexpr unsigned ACCEPT = 0xffff;
 
-unsigned run(const sock_filter *prog, const std::vector<std::uint8_t> &f)
-{
-	return bpf_filter(reinterpret_cast<const bpf_insn *>(prog), f.data(), static_cast<unsigned>(f.size()),
-			  static_cast<unsigned>(f.size()));
-}
-
 // Ethernet [labels] IPv4 UDP (or `proto`) to `port`, with `opts` bytes of options.
 std::vector<std::uint8_t> ipv4(std::vector<std::uint32_t> labels = {}, std::uint16_t port = SBFD_PORT,
 			       std::uint8_t proto = IP_PROTO_UDP, std::uint16_t frag = 0, std::size_t opts = 0)
@@ -36,8 +29,7 @@ std::vector<std::uint8_t> ipv4(std::vector<std::uint32_t> labels = {}, std::uint
 	return probe_frame_build(s, std::vector<std::uint8_t>(BFD_PKT_LEN));
 }
 
-// Ethernet [label 0] IPv6 (no extension headers) with `next` and a
-// destination port: an IPv4 frame whose 40-byte header is rewritten.
+// Ethernet [label 0] IPv6 with `next` to `port`: IPv4 with a 40-byte header, rewritten.
 std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t port)
 {
 	auto f = ipv4(labelled ? std::vector<std::uint32_t>{0} : std::vector<std::uint32_t>{}, port, IP_PROTO_UDP, 0, 20);
@@ -49,10 +41,9 @@ std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t p
 	return f;
 }
 
-std::vector<std::uint8_t> cut(std::vector<std::uint8_t> f, std::size_t len) { return f.resize(len), f; }
-
 TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 {
+	auto cut = [](std::vector<std::uint8_t> f, std::size_t len) { return f.resize(len), f; };
 	auto tc_ttl = ipv4({0});
 	tc_ttl[16] |= 0x0e;  // traffic class 7
 	tc_ttl[17] = 1;      // TTL 1
@@ -68,32 +59,27 @@ TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 		{"IPv4 TCP to 7784", ipv4({}, SBFD_PORT, 6), 0, 0},
 		{"IPv4 with 40 bytes of options", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0, 40), ACCEPT, 0},
 		{"first fragment, More Fragments", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x2000), ACCEPT, 0},
-		{"Don't Fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x4000), ACCEPT, 0},
 		{"non-first fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x0010), 0, 0},
 		{"IPv6 UDP to 7784", ipv6(false, 17, SBFD_PORT), ACCEPT, 0},
-		{"IPv6 UDP to 7785", ipv6(false, 17, 7785), 0, 0},
-		{"IPv6 TCP to 7784", ipv6(false, 6, SBFD_PORT), 0, 0},
 		{"VLAN tag", vlan, 0, 0},
 		{"label 0, IPv4 UDP to 7784", ipv4({0}), 0, ACCEPT},
 		{"label 0, traffic class and TTL set", tc_ttl, 0, ACCEPT},
 		{"label 0, UDP to 7785", ipv4({0}, 7785), 0, 0},
 		{"label 1", ipv4({1}), 0, 0},
-		{"label 0xfffff", ipv4({0xfffff}), 0, 0},
 		{"two labels", ipv4({0, 0}), 0, 0},
-		{"label 0, TCP to 7784", ipv4({0}, SBFD_PORT, 6), 0, ACCEPT},
-		{"label 0, ICMP", ipv4({0}, SBFD_PORT, 1), 0, 0},
 		{"label 0, IPv4 options", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0, 12), 0, ACCEPT},
 		{"label 0, non-first fragment", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0x0100), 0, 0},
 		{"label 0, IPv6 UDP to 7784", ipv6(true, 17, SBFD_PORT), 0, ACCEPT},
-		{"label 0, IPv6 UDP to 7785", ipv6(true, 17, 7785), 0, 0},
 		{"IPv4 cut before the ports", cut(ipv4(), 14 + 20 + 2), 0, 0},
 		{"IPv4 cut after the ports", cut(ipv4(), 14 + 20 + 4), ACCEPT, 0},
 		{"label 0 cut inside the label", cut(ipv4({0}), 16), 0, 0},
 		{"label 0 cut before the ports", cut(ipv4({0}), 18 + 20 + 3), 0, 0},
 	};
-	for (const auto &c : cases) {
-		EXPECT_EQ(run(sbfd_udp_filter, c.frame), c.udp) << "sbfd_udp_filter: " << c.what;
-		EXPECT_EQ(run(sbfd_mpls_filter, c.frame), c.mpls) << "sbfd_mpls_filter: " << c.what;
+	for (auto &c : cases) {
+		const unsigned n = static_cast<unsigned>(c.frame.size());
+		for (auto [prog, want] : {std::pair(sbfd_udp_filter, c.udp), std::pair(sbfd_mpls_filter, c.mpls)})
+			EXPECT_EQ(bpf_filter(reinterpret_cast<const bpf_insn *>(prog), c.frame.data(), n, n), want)
+				<< (prog == sbfd_udp_filter ? "sbfd_udp_filter: " : "sbfd_mpls_filter: ") << c.what;
 	}
 }
 

@@ -1,14 +1,10 @@
-// e2eutil.h -- the end-to-end bench of the reflector: two network namespaces
-// joined by a veth pair, the daemon started in one as a user starts it
-// (`ip netns exec NS orvalindwarden -d D -p ADDR -r MINRX`, with its own
-// BREVLOG_DIR and NSPATH, so its own trace and store), an initiator in the
-// other that sends requests (UDP, or crafted frames on a packet socket) and
-// captures what comes back.
+// e2eutil.h -- the end-to-end bench: the daemon started as a user starts it
+// (`ip netns exec NS orvalindwarden ...`, with its own BREVLOG_DIR and
+// NSPATH) in one namespace, an initiator that sends requests and captures
+// frames in the other, joined by a veth pair. All is undone when the test
+// ends, also when it fails.
 //
-//   daemon namespace  "orvd-<pid>[-n]"  vd0 192.0.2.1/24  <-- veth -->  vi0 192.0.2.2/24
-//   initiator namespace "orvi-<pid>[-n]"
-//
-// Everything is undone when the test ends, also when it fails.
+//   "orvd-<pid>[-n]"  vd0 192.0.2.1/24  <-- veth -->  vi0 192.0.2.2/24  "orvi-<pid>[-n]"
 #pragma once
 
 #include <arpa/inet.h>
@@ -37,31 +33,28 @@ using testutil::bin;
 using ms = std::chrono::milliseconds;
 
 constexpr const char *DAEMON_IP = "192.0.2.1";
-constexpr const char *INITIATOR_IP = "192.0.2.2";
-constexpr std::uint32_t DAEMON_IP_H = 0xc0000201;     // 192.0.2.1
+constexpr std::uint32_t DAEMON_IP_H = 0xc0000201;
 constexpr std::uint32_t INITIATOR_IP_H = 0xc0000202;  // 192.0.2.2
 
-// A captured frame, parsed.
 struct reply {
 	std::vector<std::uint8_t> frame;
-	frame_view v;
+	frame_view v;  // parsed from `frame`
 	bfd_ctrl_pkt pkt{};
 };
 
-// A UDP socket in namespace `ns` bound to `ip_h` (an ephemeral port) and,
-// when `to_h` is nonzero, connected to its port 7784.
-inline unique_fd udp_socket(const std::string &ns, std::uint32_t ip_h, std::uint32_t to_h = 0)
+// A UDP socket in namespace `ns` bound to `ip_h` and `port` (0: an ephemeral
+// one) and, when `to_h` is nonzero, connected to its port 7784. -1 on failure.
+inline unique_fd udp_socket(const std::string &ns, std::uint32_t ip_h, std::uint32_t to_h, std::uint16_t port = 0)
 {
 	unique_fd fd{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns.c_str())};
-	const sockaddr_in a{AF_INET, 0, {htonl(ip_h)}, {}}, d{AF_INET, htons(SBFD_PORT), {htonl(to_h)}, {}};
+	const sockaddr_in a{AF_INET, htons(port), {htonl(ip_h)}, {}}, d{AF_INET, htons(SBFD_PORT), {htonl(to_h)}, {}};
 	if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0 ||
 	    (to_h && connect(fd.get(), reinterpret_cast<const sockaddr *>(&d), sizeof d) != 0))
 		fd.reset();
 	return fd;
 }
 
-// Fixture of the namespace tests: skips without root, builds the bench;
-// each test starts the daemon itself with its own values.
+// Skips without root; each test starts the daemon itself.
 class E2eTest : public ::testing::Test {
 protected:
 	void SetUp() override
@@ -71,50 +64,39 @@ protected:
 		const std::string d = "ip -n " + ns_d + " ", i = "ip -n " + ns_i + " ";
 		for (const std::string &cmd : {"ip netns add " + ns_d, "ip netns add " + ns_i, d + "link set lo up",
 					       i + "link set lo up", d + "link add vd0 type veth peer name vi0 netns " + ns_i,
-					       d + "addr add " + DAEMON_IP + "/24 dev vd0", i + "addr add " + INITIATOR_IP + "/24 dev vi0",
+					       d + "addr add 192.0.2.1/24 dev vd0", i + "addr add 192.0.2.2/24 dev vi0",
 					       d + "link set vd0 up", i + "link set vi0 up"})
 			ASSERT_EQ(testutil::run(cmd), 0) << cmd;
 		ASSERT_TRUE(logs.ok());
 	}
 
-	// Starts the daemon with `args` (replacing one started before) and
-	// waits, bounded, until its netlink port, the last of its sockets, is
-	// bound. False when it ended instead.
+	// Starts the daemon with `args` (replacing an earlier one) and waits,
+	// bounded, until its netlink port, the last socket it opens, is bound: a
+	// line "sk Eth Pid ..." of NETLINK_USERSOCK (2) with port = pid, the
+	// columns "%-3d %-10u". False when it ended instead.
 	bool spawn(const std::vector<std::string> &args)
 	{
 		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d, bin("orvalindwarden")};
 		argv.insert(argv.end(), args.begin(), args.end());
 		daemon.reset();
 		daemon.emplace(argv, std::vector<std::string>{"BREVLOG_DIR=" + logs.path(), "NSPATH=" + nspath()});
-		// A netlink socket of NETLINK_USERSOCK (protocol 2) bound to port = pid.
-		const pid_t pid = daemon->pid();
+		const std::string pid = std::to_string(daemon->pid());
 		auto bound = [&] {
-			std::istringstream in(testutil::read_file("/proc/" + std::to_string(pid) + "/net/netlink"));
-			for (std::string line, sk; std::getline(in, line);) {
-				long proto = -1, nl_port = -1;
-				std::istringstream(line) >> sk >> proto >> nl_port;
-				if (proto == 2 && nl_port == pid)
-					return true;
-			}
-			return false;
+			return testutil::read_file("/proc/" + pid + "/net/netlink").find(" 2   " + pid + " ") != std::string::npos;
 		};
 		testutil::wait_until([&] { return !daemon->running() || bound(); }, std::chrono::seconds(10));
 		return daemon->running() && bound();
 	}
-	// Starts the daemon on 192.0.2.1 and opens the initiator's sockets;
-	// fails the test when either is not ready.
+	// Starts the daemon on 192.0.2.1 and opens the initiator's UDP socket
+	// and its packet socket on vi0 (sees every frame there, sends crafted ones).
 	void start(std::uint32_t disc, std::uint32_t min_rx, const std::vector<std::string> &extra = {})
 	{
 		std::vector<std::string> args = {"-d", std::to_string(disc), "-p", DAEMON_IP, "-r", std::to_string(min_rx)};
 		args.insert(args.end(), extra.begin(), extra.end());
+		udp.reset(), raw.reset();  // not for the daemon to inherit: a second start binds the same port
 		ASSERT_TRUE(spawn(args)) << "daemon not ready: " << daemon->out() << daemon->err();
-		udp = udp_socket(ns_i, INITIATOR_IP_H);
-		sockaddr_in a{};
-		socklen_t len = sizeof a;
-		ASSERT_EQ(getsockname(udp.get(), reinterpret_cast<sockaddr *>(&a), &len), 0);
-		port = ntohs(a.sin_port);
-		// The packet socket on vi0 sees every frame there and sends crafted
-		// ones (to the broadcast address: the daemon's packet sockets take any).
+		udp = udp_socket(ns_i, INITIATOR_IP_H, 0, port);
+		ASSERT_GE(udp.get(), 0);
 		raw = unique_fd(netnsSocketAt(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL), ns_i.c_str()));
 		sockaddr_ll ll{};
 		ll.sll_family = AF_PACKET;
@@ -132,7 +114,6 @@ protected:
 	{
 		return testutil::output_of(bin("blcat") + " " + logs.file("orvalindwarden.bl") + suffix);
 	}
-	// A copy of the daemon's store, read as orvalindwarden-stat reads it.
 	reflector_shm store() const
 	{
 		auto snap = std::make_unique<shmstat_snapshot>();
@@ -141,15 +122,8 @@ protected:
 		return snap->store;
 	}
 
-	// A request to the daemon's port 7784 from the initiator's UDP socket.
-	bool send_udp(const probe_params &p)
-	{
-		std::uint8_t b[BFD_PKT_LEN];
-		probe_encode_request(p, b);
-		const sockaddr_in d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
-		return sendto(udp.get(), b, sizeof b, 0, reinterpret_cast<const sockaddr *>(&d), sizeof d) == sizeof b;
-	}
-	// A frame shape from the initiator's UDP port to the daemon's 7784.
+	// The shape of a broadcast frame from the initiator's UDP port to the
+	// daemon's 7784 (its packet sockets take any destination MAC).
 	frame_spec shape() const
 	{
 		frame_spec s;
@@ -163,8 +137,8 @@ protected:
 	{
 		return send(raw.get(), f.data(), f.size(), 0) == static_cast<ssize_t>(f.size());
 	}
-	// The next frame from port 7784 (a reply) that reached vi0 within
-	// `timeout`; with `outgoing`, the next UDP frame that left it instead.
+	// The next frame from port 7784 that reached vi0 within `timeout`; with
+	// `outgoing`, the next UDP frame that left it instead.
 	std::optional<reply> capture(ms timeout = std::chrono::seconds(3), bool outgoing = false)
 	{
 		for (const auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;) {
@@ -182,13 +156,13 @@ protected:
 		}
 		return std::nullopt;
 	}
-	// The reply to a request from `my_disc` to `your_disc`, if any.
-	std::optional<reply> ask(std::uint32_t my_disc, std::uint32_t your_disc, ms timeout = std::chrono::seconds(3))
+	// Sends `p` from the initiator's UDP socket; the reply to it, if any.
+	std::optional<reply> ask(const probe_params &p, ms timeout = std::chrono::seconds(3))
 	{
-		probe_params p;
-		p.my_disc = my_disc;
-		p.your_disc = your_disc;
-		EXPECT_TRUE(send_udp(p));
+		std::uint8_t b[BFD_PKT_LEN];
+		probe_encode_request(p, b);
+		const sockaddr_in d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
+		EXPECT_EQ(sendto(udp.get(), b, sizeof b, 0, reinterpret_cast<const sockaddr *>(&d), sizeof d), static_cast<ssize_t>(BFD_PKT_LEN));
 		return capture(timeout);
 	}
 
@@ -202,7 +176,7 @@ protected:
 	testutil::temp_dir logs{"orvlogs"};
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go
 	unique_fd udp, raw;
-	std::uint16_t port = 0;  // the initiator's UDP port
+	static constexpr std::uint16_t port = 40000;  // the initiator's UDP port; the namespace is ours alone
 };
 
 }  // namespace e2e
