@@ -233,12 +233,14 @@ callgrind_control --dump "$reflector_pid" >/dev/null
 stop_reflector
 cg_file=$work/cg.out.1  # the dump taken right after the measured requests
 [ -s "$cg_file" ] || cg_file=$work/cg.out
-callgrind_annotate --inclusive=yes "$cg_file" >"$out/callgrind.txt" 2>/dev/null || true
+callgrind_annotate --inclusive=yes --threshold=100 "$cg_file" >"$out/callgrind.txt" 2>/dev/null || true
 cg_received=$(field received <"$work/cg.trial")
 ir_total=$(awk '/PROGRAM TOTALS/ { gsub(",", "", $1); print $1; exit }' "$out/callgrind.txt")
 # Inclusive cost of the functions whose name contains $1 (object-attributed
 # lines only, so an inlined copy is not counted twice).
 ir_of() { awk -v f="$1" 'index($0, f) && /\[/ { gsub(",", "", $1); s += $1 } END { print s + 0 }' "$out/callgrind.txt"; }
+# Cost of the annotated source lines that contain $1 (code inlined there).
+ir_line() { awk -v p="$1" 'index($0, p) { gsub(",", "", $1); if ($1 ~ /^[0-9]+$/) s += $1 } END { print s + 0 }' "$out/callgrind.txt"; }
 per_req() { awk -v a="$1" -v n="$cg_received" 'BEGIN { printf "%.0f", n ? a / n : 0 }'; }
 
 allocs_after() {
@@ -298,9 +300,20 @@ ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }'
 	printf '%-44s %14s %14s\n' "  of which user time (us)" "$daemon_core_user" "$base_core_user"
 	printf '%-44s %14s %14s %8s  %s\n' "user-space instructions per request" "$(per_req "$ir_total")" "-" "-" \
 		"(callgrind, $cg_received requests, inside rx_data_ready)"
-	for f in "session_sanity_check(" "get_session(" "emit<" ":bl_" "dotted(" "memset" "sendto" "recvfrom"; do
-		printf '%-44s %14s\n' "  of which (inclusive) $f" "$(per_req "$(ir_of "$f")")"
-	done
+	while IFS='|' read -r label how what; do
+		if [ "$how" = line ]; then n=$(ir_line "$what"); else n=$(ir_of "$what"); fi
+		printf '%-44s %14s\n' "  $label" "$(per_req "$n")"
+	done <<-'EOF'
+		table check (session_sanity_check)|fn|session_sanity_check(
+		lookup with its check (get_session)|fn|get_session(
+		hashing (get_session_hash)|fn|get_session_hash(
+		tracing (call sites, with the library)|fn|emit<
+		  trace library alone (bl_*)|fn|:bl_
+		address text (dotted)|fn|dotted(
+		buffer zeroing (inline prefix)|line|std::memset(buf, 0, RX_READ_LIMIT)
+		system call wrapper recvfrom|fn|recvfrom.c:
+		system call wrapper sendto|fn|sendto.c:
+	EOF
 	printf '%-44s %14s %14s %8s  %s\n' "heap allocations (after 1000 / 11000 req)" "$allocs_small / $allocs_large" "-" "-" \
 		"no allocation per request: $(verdict "$ok_alloc")"
 	printf '%-44s %14s %14s %8s  %s\n' "daemon RSS KiB (start / end of load)" "$rss_start / $rss_end" "-" "-" \
