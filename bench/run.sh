@@ -20,12 +20,19 @@
 # The reflector under test runs on a core of its own (the last CPU) and the
 # load generator on CPU 0, so that each figure is the capacity of one core
 # and neither side takes the other's time; both reflectors get the same
-# placement. The p99 figure is the median of several trials at that rate,
-# since a single trial's 99th percentile swings with the host's scheduling.
+# placement. They run at the same time, each behind its own veth pair, and
+# take turns trial by trial, so that the host's changing load (this matters
+# on a virtual machine) meets both alike. The p99 figure is the median of
+# several trials at that rate, since a single trial's 99th percentile swings
+# with the host's scheduling.
 #
-#   reflector namespace orvbench-r-PID  vr0 192.0.2.1/24
+#   reflector namespace orvbench-r-PID   vr0 192.0.2.1/24  (the daemon)
 #        | veth
-#   initiator namespace orvbench-i-PID  vi0 192.0.2.2/24  (bench/loadgen)
+#   initiator namespace orvbench-i-PID   vi0 192.0.2.2/24  (bench/loadgen)
+#
+#   reflector namespace orvbench-rb-PID  vr0 192.0.2.1/24  (bench/baseline)
+#        | veth
+#   initiator namespace orvbench-ib-PID  vi0 192.0.2.2/24  (bench/loadgen)
 #
 # Usage: bench/run.sh [--quick]   (as root; BUILD_DIR chooses the build,
 # default build-bench/; results go to bench/results/)
@@ -50,7 +57,6 @@ run_setup orvbench
 disc=7
 sessions=512
 shm=/dev/shm/orvalindwarden-orvbench-$$
-reflector_pid=
 trial_s=3
 p99_trials=5
 [ $quick = 1 ] && trial_s=1.5 && p99_trials=3
@@ -61,19 +67,28 @@ if [ "$(nproc)" -ge 2 ]; then
 	pin_r=(taskset -c "$(($(nproc) - 1))")
 	pin_i=(taskset -c 0)
 fi
-
+# Both reflectors run at once, each behind a veth pair of its own with the
+# same addresses, and take turns under load: a reflector without load sleeps
+# in its readiness wait and takes nothing from the other.
+ns_rb=orvbench-rb-$$
+ns_ib=orvbench-ib-$$
+declare -A pid_of=([daemon]= [baseline]=) ns_r_of=([daemon]=$ns_r [baseline]=$ns_rb) \
+	ns_i_of=([daemon]=$ns_i [baseline]=$ns_ib)
 
 stop_reflector() {
-	if [ -n "$reflector_pid" ] && kill -0 "$reflector_pid" 2>/dev/null; then
-		kill "$reflector_pid" 2>/dev/null || true
-		wait "$reflector_pid" 2>/dev/null || true
+	local p=${pid_of[$1]}
+	if [ -n "$p" ] && kill -0 "$p" 2>/dev/null; then
+		kill "$p" 2>/dev/null || true
+		wait "$p" 2>/dev/null || true
 	fi
-	reflector_pid=
+	pid_of[$1]=
 }
 cleanup() {
 	trap - EXIT INT TERM
-	stop_reflector
+	stop_reflector daemon
+	stop_reflector baseline
 	netns_pair_down "$ns_r" "$ns_i"
+	netns_pair_down "$ns_rb" "$ns_ib"
 	rm -f "$shm"
 	pid_file_restore "$work"
 	rm -rf "$work"
@@ -82,6 +97,7 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 netns_pair_up "$ns_r" "$addr_r" "$ns_i" "$addr_i"
+netns_pair_up "$ns_rb" "$addr_r" "$ns_ib" "$addr_i"
 
 # start_reflector daemon|baseline [wrapper...]
 start_reflector() {
@@ -91,12 +107,12 @@ start_reflector() {
 		BREVLOG_DIR=$work NSPATH=/orvbench-$$ ip netns exec "$ns_r" "${pin_r[@]}" "$@" \
 			"$bin/orvalindwarden" -d "$disc" -p "$addr_r" -r 3300 >"$work/$kind.log" 2>&1 &
 	else
-		ip netns exec "$ns_r" "${pin_r[@]}" "$@" "$bin/baseline" "$addr_r" "$disc" >"$work/$kind.log" 2>&1 &
+		ip netns exec "$ns_rb" "${pin_r[@]}" "$@" "$bin/baseline" "$addr_r" "$disc" >"$work/$kind.log" 2>&1 &
 	fi
-	reflector_pid=$!
+	pid_of[$kind]=$!
 	# Ready when a probe is answered (bounded).
 	for _ in $(seq 100); do
-		if ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+		if ip netns exec "${ns_i_of[$kind]}" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
 			--sessions 1 --rate 100 --duration 0.05 --drain 0.5 2>/dev/null | grep -q ' lost=0 '; then
 			return 0
 		fi
@@ -107,40 +123,54 @@ start_reflector() {
 	exit 1
 }
 
-# trial RATE [DURATION] -> one loadgen result line
+# trial KIND RATE [DURATION] -> one loadgen result line
 trial() {
-	ip netns exec "$ns_i" "${pin_i[@]}" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
-		--sessions $sessions --rate "$1" --duration "${2:-$trial_s}"
+	ip netns exec "${ns_i_of[$1]}" "${pin_i[@]}" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
+		--sessions $sessions --rate "$2" --duration "${3:-$trial_s}"
 }
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p"; }
 passes() { awk -v l="$(echo "$1" | field loss_pct)" -v w="$(echo "$1" | field wrong)" \
 	'BEGIN { exit !(l < 0.1 && w == 0) }'; }
 
-# search KIND: highest passing rate. Rates grow by 1/8 until a rate fails
-# twice, then halve the gap four times; every passing rate is remembered.
-search() {
-	local kind=$1 lo=0 hi rate=20000 line
-	while :; do
-		line=$(trial $rate)
-		echo "$kind search $line" >>"$out/trials.txt"
-		if passes "$line" || { line=$(trial $rate) && passes "$line"; }; then
-			lo=$rate
-			rate=$((rate + rate / 8))
-			[ $rate -gt 1000000 ] && break
-		else
-			hi=$rate
-			break
-		fi
-	done
-	if [ -n "${hi:-}" ]; then
-		for _ in 1 2 3 4; do
-			rate=$(((lo + hi) / 2))
-			line=$(trial $rate)
+# search_both: the highest passing rate of each reflector ("BASELINE DAEMON").
+# Per reflector, rates grow by 1/8 until a rate fails twice, then the gap is
+# halved four times; every passing rate is remembered. The two searches take
+# turns trial by trial, so that a change in the host's load meets both.
+search_both() {
+	local -A lo=([baseline]=0 [daemon]=0) hi=([baseline]=0 [daemon]=0) \
+		rate=([baseline]=20000 [daemon]=20000) halved=([baseline]=0 [daemon]=0)
+	local kind line ok busy=1
+	while [ $busy = 1 ]; do
+		busy=0
+		for kind in baseline daemon; do
+			[ "${halved[$kind]}" -ge 4 ] && continue
+			busy=1
+			line=$(trial $kind ${rate[$kind]})
 			echo "$kind search $line" >>"$out/trials.txt"
-			if passes "$line"; then lo=$rate; else hi=$rate; fi
+			ok=0
+			if passes "$line"; then
+				ok=1
+			elif [ "${hi[$kind]}" = 0 ]; then  # growing: a failure counts when repeated
+				line=$(trial $kind ${rate[$kind]})
+				echo "$kind search $line" >>"$out/trials.txt"
+				passes "$line" && ok=1
+			fi
+			if [ "${hi[$kind]}" = 0 ]; then
+				if [ $ok = 1 ]; then
+					lo[$kind]=${rate[$kind]}
+					rate[$kind]=$((rate[$kind] + rate[$kind] / 8))
+					[ "${rate[$kind]}" -gt 1000000 ] && halved[$kind]=4
+					continue
+				fi
+				hi[$kind]=${rate[$kind]}
+			else
+				if [ $ok = 1 ]; then lo[$kind]=${rate[$kind]}; else hi[$kind]=${rate[$kind]}; fi
+				halved[$kind]=$((halved[$kind] + 1))
+			fi
+			rate[$kind]=$(((lo[$kind] + hi[$kind]) / 2))
 		done
-	fi
-	echo $lo
+	done
+	echo "${lo[baseline]} ${lo[daemon]}"
 }
 
 rss_kib() { awk '/VmRSS/ { print $2 }' "/proc/$1/status"; }
@@ -152,15 +182,18 @@ shm_u64() { od -An -t u8 -j "$1" -N 8 "$shm" | tr -d ' '; }
 sweep_rates="20000 40000 60000 80000 100000 120000 140000 160000 180000"
 [ $quick = 1 ] && sweep_rates="20000 60000 100000 140000"
 
-# sweep KIND: one trial per rate of $sweep_rates against the running
-# reflector; rate, offered, p50, p90, p99 and loss into sweep_KIND.dat.
+# sweep: at each rate of $sweep_rates one trial per reflector; rate,
+# offered, p50, p90, p99 and loss into sweep_KIND.dat.
 sweep() {
-	local kind=$1 r line
-	: >"$out/sweep_$kind.dat"
+	local kind r line
+	: >"$out/sweep_baseline.dat"
+	: >"$out/sweep_daemon.dat"
 	for r in $sweep_rates; do
-		line=$(trial "$r")
-		echo "$kind sweep $line" >>"$out/trials.txt"
-		echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_$kind.dat"
+		for kind in baseline daemon; do
+			line=$(trial $kind "$r")
+			echo "$kind sweep $line" >>"$out/trials.txt"
+			echo "$r $(echo "$line" | field offered) $(echo "$line" | field p50_us) $(echo "$line" | field p90_us) $(echo "$line" | field p99_us) $(echo "$line" | field loss_pct)" >>"$out/sweep_$kind.dat"
+		done
 	done
 }
 
@@ -175,62 +208,69 @@ core_cost() {
 	hz=$(getconf CLK_TCK)
 	ticks() { awk -v c="cpu$cpu" '$1 == c { print $2 + $3 + $4 + $7 + $8, $2 + $3 }' /proc/stat; }
 	before=$(ticks)
-	trial $cost_rate >>"$work/cost.$1"
+	trial $1 $cost_rate >"$work/cost.$1"
 	after=$(ticks)
 	echo "$before $after" | awk -v hz="$hz" -v n="$(field received <"$work/cost.$1")" \
 		'{ if (n > 0) printf "%.2f %.2f\n", ($3 - $1) / hz / n * 1e6, ($4 - $2) / hz / n * 1e6; else print "- -" }'
 }
 
-# p99_median KIND: the median p99 of $p99_trials trials at 100000 requests/s
-# against the running reflector; every trial goes to trials.txt.
-p99_median() {
-	local kind=$1 line
-	for _ in $(seq "$p99_trials"); do
-		line=$(trial 100000)
-		echo "$kind p99 $line" >>"$out/trials.txt"
-		echo "$line" | field p99_us
-	done | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)], v[1] "-" v[NR] }'
-}
+# median FILE: "median range" of the numbers in FILE, one per line.
+median() { sort -g "$1" | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)], v[1] "-" v[NR] }'; }
 
-echo "== baseline: search and sweep"
+echo "== both reflectors: search, sweep, p99, core time"
 start_reflector baseline
-trial 5000 1 >/dev/null
-base_max=$(search baseline)
-sweep baseline
-read -r base_p99 base_p99_range < <(p99_median baseline)
-read -r base_core base_core_user < <(core_cost baseline)
-stop_reflector
-
-echo "== daemon: search and sweep"
 start_reflector daemon
-trial 5000 1 >/dev/null  # every session created: from here on lookups hit
+trial baseline 5000 1 >/dev/null
+trial daemon 5000 1 >/dev/null  # every session created: from here on lookups hit
 # Every trace ring wrapped at least once (a request writes about 300 bytes
 # of records into the 1 MiB rings of levels 2 to 4): the mapped trace file
 # is then wholly resident and resident memory shows growth only.
-trial 20000 1 >/dev/null
-rss_start=$(rss_kib "$reflector_pid")
-anon_start=$(anon_kib "$reflector_pid")
+trial daemon 20000 1 >/dev/null
+rss_start=$(rss_kib "${pid_of[daemon]}")
+anon_start=$(anon_kib "${pid_of[daemon]}")
 sends_start=$(shm_u64 8)
-daemon_max=$(search daemon)
-sweep daemon
-read -r daemon_p99 daemon_p99_range < <(p99_median daemon)
-read -r daemon_core daemon_core_user < <(core_cost daemon)
-rss_end=$(rss_kib "$reflector_pid")
-anon_end=$(anon_kib "$reflector_pid")
+read -r base_max daemon_max < <(search_both)
+sweep
+# p99 at 100000 requests/s: the median of $p99_trials trials each, taking
+# turns; core time: the median of three trials each, taking turns.
+: >"$work/p99.baseline"
+: >"$work/p99.daemon"
+: >"$work/core.baseline"
+: >"$work/core.daemon"
+for _ in $(seq "$p99_trials"); do
+	for kind in baseline daemon; do
+		line=$(trial $kind 100000)
+		echo "$kind p99 $line" >>"$out/trials.txt"
+		echo "$line" | field p99_us >>"$work/p99.$kind"
+	done
+done
+for _ in 1 2 3; do
+	for kind in baseline daemon; do core_cost $kind >>"$work/core.$kind"; done
+done
+read -r base_p99 base_p99_range < <(median "$work/p99.baseline")
+read -r daemon_p99 daemon_p99_range < <(median "$work/p99.daemon")
+read -r base_core _ < <(median "$work/core.baseline")
+read -r daemon_core _ < <(median "$work/core.daemon")
+# The user time of the trial whose busy time is the median.
+base_core_user=$(awk -v m="$base_core" '$1 == m { print $2; exit }' "$work/core.baseline")
+daemon_core_user=$(awk -v m="$daemon_core" '$1 == m { print $2; exit }' "$work/core.daemon")
+rss_end=$(rss_kib "${pid_of[daemon]}")
+anon_end=$(anon_kib "${pid_of[daemon]}")
 sends_end=$(shm_u64 8)
-stop_reflector
+stop_reflector daemon
+stop_reflector baseline
 
 echo "== daemon under callgrind and memcheck"
 cg_requests=20000
 [ $quick = 1 ] && cg_requests=5000
 start_reflector daemon valgrind --tool=callgrind --callgrind-out-file="$work/cg.out" \
 	'--toggle-collect=rx_data_ready*' --dump-instr=no
-trial 1000 1 >/dev/null
-callgrind_control --zero "$reflector_pid" >/dev/null
+trial daemon 1000 1 >/dev/null
+callgrind_control --zero "${pid_of[daemon]}" >/dev/null
 ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
 	--sessions $sessions --rate 2000 --duration $((cg_requests / 2000)) --drain 2 >"$work/cg.trial"
-callgrind_control --dump "$reflector_pid" >/dev/null
-stop_reflector
+callgrind_control --dump "${pid_of[daemon]}" >/dev/null
+stop_reflector daemon
 cg_file=$work/cg.out.1  # the dump taken right after the measured requests
 [ -s "$cg_file" ] || cg_file=$work/cg.out
 callgrind_annotate --inclusive=yes --threshold=100 "$cg_file" >"$out/callgrind.txt" 2>/dev/null || true
@@ -247,7 +287,7 @@ allocs_after() {
 	start_reflector daemon valgrind --tool=memcheck --leak-check=no
 	ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
 		--sessions $sessions --rate 2000 --duration "$1" --drain 2 >/dev/null
-	stop_reflector
+	stop_reflector daemon
 	sed -n 's/.*total heap usage: \([0-9,]*\) allocs.*/\1/p' "$work/daemon.log" | tr -d ,
 }
 allocs_small=$(allocs_after 0.5)
@@ -296,7 +336,7 @@ ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }'
 		"$(ratio "$daemon_p99" "$base_p99")" "<= 1.2 x baseline: $(verdict "$ok_p99")"
 	printf '%-44s %14s %14s\n' "  median of $p99_trials trials; their range" "$daemon_p99_range" "$base_p99_range"
 	printf '%-44s %14s %14s %8s  %s\n' "reflector core time per request (us)" "$daemon_core" "$base_core" \
-		"$(ratio "$daemon_core" "$base_core")" "(at $cost_rate req/s: user, system and interrupt time of its core)"
+		"$(ratio "$daemon_core" "$base_core")" "(at $cost_rate req/s, median of 3 trials: user, system and interrupt time of its core)"
 	printf '%-44s %14s %14s\n' "  of which user time (us)" "$daemon_core_user" "$base_core_user"
 	printf '%-44s %14s %14s %8s  %s\n' "user-space instructions per request" "$(per_req "$ir_total")" "-" "-" \
 		"(callgrind, $cg_received requests, inside rx_data_ready)"
