@@ -295,7 +295,7 @@ allocs_large=$(allocs_after 5.5)
 
 echo "== trace record fast path"
 # The median of five runs: one run can land on a moment of other load.
-trace_ns=$("$bin/bench_trace" --benchmark_filter=BM_TraceThreeValues --benchmark_min_time=1 \
+trace_ns=$("${pin_r[@]}" "$bin/bench_trace" --benchmark_filter=BM_TraceThreeValues --benchmark_min_time=1 \
 	--benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
 	--benchmark_format=csv 2>/dev/null | awk -F, '/BM_TraceThreeValues_median/ { printf "%.1f", $3 }')
 
