@@ -72,8 +72,7 @@ fi
 # in its readiness wait and takes nothing from the other.
 ns_rb=orvbench-rb-$$
 ns_ib=orvbench-ib-$$
-declare -A pid_of=([daemon]= [baseline]=) ns_r_of=([daemon]=$ns_r [baseline]=$ns_rb) \
-	ns_i_of=([daemon]=$ns_i [baseline]=$ns_ib)
+declare -A pid_of=([daemon]= [baseline]=) ns_i_of=([daemon]=$ns_i [baseline]=$ns_ib)
 
 stop_reflector() {
 	local p=${pid_of[$1]}
@@ -123,10 +122,10 @@ start_reflector() {
 	exit 1
 }
 
-# trial KIND RATE [DURATION] -> one loadgen result line
+# trial KIND RATE [DURATION [loadgen options...]] -> one loadgen result line
 trial() {
 	ip netns exec "${ns_i_of[$1]}" "${pin_i[@]}" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
-		--sessions $sessions --rate "$2" --duration "${3:-$trial_s}"
+		--sessions $sessions --rate "$2" --duration "${3:-$trial_s}" "${@:4}"
 }
 field() { sed -n "s/.* $1=\([^ ]*\).*/\1/p"; }
 passes() { awk -v l="$(echo "$1" | field loss_pct)" -v w="$(echo "$1" | field wrong)" \
@@ -267,8 +266,7 @@ start_reflector daemon valgrind --tool=callgrind --callgrind-out-file="$work/cg.
 	'--toggle-collect=rx_data_ready*' --dump-instr=no
 trial daemon 1000 1 >/dev/null
 callgrind_control --zero "${pid_of[daemon]}" >/dev/null
-ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
-	--sessions $sessions --rate 2000 --duration $((cg_requests / 2000)) --drain 2 >"$work/cg.trial"
+trial daemon 2000 $((cg_requests / 2000)) --drain 2 >"$work/cg.trial"
 callgrind_control --dump "${pid_of[daemon]}" >/dev/null
 stop_reflector daemon
 cg_file=$work/cg.out.1  # the dump taken right after the measured requests
@@ -285,8 +283,7 @@ per_req() { awk -v a="$1" -v n="$cg_received" 'BEGIN { printf "%.0f", n ? a / n 
 
 allocs_after() {
 	start_reflector daemon valgrind --tool=memcheck --leak-check=no
-	ip netns exec "$ns_i" "$bin/loadgen" --target $addr_r --source $addr_i --your-disc $disc \
-		--sessions $sessions --rate 2000 --duration "$1" --drain 2 >/dev/null
+	trial daemon 2000 "$1" --drain 2 >/dev/null
 	stop_reflector daemon
 	sed -n 's/.*total heap usage: \([0-9,]*\) allocs.*/\1/p' "$work/daemon.log" | tr -d ,
 }

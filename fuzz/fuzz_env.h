@@ -42,7 +42,7 @@ inline void require(bool ok, const char *what)
 	}
 }
 
-// Everything above.
+// Makes the world described at the top of this file; returns its context.
 inline reflector_vrf *setup()
 {
 	require(unshare(CLONE_NEWNET) == 0, "fuzz: unshare(CLONE_NEWNET) (needs root)");
@@ -81,7 +81,8 @@ inline reflector_vrf *setup()
 		list_init(&h);
 	list_init(&vrf->sess_cache);
 	list_init(&vrf->free_list);
-	require(session_table_setup(vrf) == 0 && init_out_socket(vrf) == INIT_OK, "fuzz: session table or transmit socket");
+	require(session_table_setup(vrf) == 0 && init_out_socket(vrf) == INIT_OK,
+		"fuzz: session table or transmit socket");
 	return vrf;
 }
 
