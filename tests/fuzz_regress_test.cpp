@@ -1,11 +1,9 @@
-// fuzz_regress_test.cpp -- the fuzz targets' inputs replayed as ordinary
-// tests, so that they also run under the sanitizers of the unit run: the
-// starting corpus of fuzz/corpus/<target>/ and every input a fuzz run once
-// crashed on, kept in fuzz/regress/<target>/ under a name that says what it
-// holds. Frames are covered by rx_test's tables and random frames.
+// fuzz_regress_test.cpp -- the reader targets' starting corpus
+// (fuzz/corpus/<target>/) and the inputs a fuzz run once crashed on
+// (fuzz/regress/<target>/) replayed under the unit run's sanitizers.
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -16,7 +14,7 @@
 
 namespace {
 
-// Every input of a target by file name: starting corpus and crash regressions.
+// Every input of a target by file name.
 std::map<std::string, std::vector<std::uint8_t>> inputs(const std::string &target)
 {
 	std::map<std::string, std::vector<std::uint8_t>> all;
@@ -38,13 +36,11 @@ TEST(FuzzRegress, StoreInputsAreRefusedOrRenderedInAllThreeFormats)
 	int rendered = 0;
 	for (const auto &[name, bytes] : all) {
 		auto snap = std::make_unique<shmstat_snapshot>();  // the input cut or zero-extended
-		std::memset(snap.get(), 0, sizeof *snap);
 		std::copy_n(bytes.begin(), std::min(bytes.size(), SHM_SIZE), reinterpret_cast<std::uint8_t *>(&snap->store));
 		snap->taken = {1700000000, 500000000};
 		snap->stable = true;
 		std::string why;
-		// used_slot_time_far_in_the_past: a used slot's tv_nsec far below
-		// zero once made the age computation overflow; it is not plausible.
+		// used_slot_time_far_in_the_past once overflowed the age computation.
 		if (!shmstat_plausible(snap->store, true, &why)) {
 			EXPECT_NE(why, "") << name;
 			continue;

@@ -1,6 +1,5 @@
-// init_test.cpp -- start-up: the shared store's name, netnsSocketAt,
-// vrf_init's failure after the store is set up, and the daemon's command
-// line and exit statuses. The sockets it opens are proven end to end.
+// init_test.cpp -- start-up: the store's name, netnsSocketAt, vrf_init's
+// failure after the store is set up, the command line and exit statuses.
 #include <sys/mman.h>
 #include <sys/stat.h>
 
@@ -15,9 +14,7 @@ TEST(ShmStoreName, PrefixesAndFlattensTheNamespacePathUpTo241Characters)
 		char name[SHM_NAME_LEN];
 		std::memset(name, 'x', sizeof name);
 		shm_store_name(name, nspath);
-		EXPECT_EQ(std::string(name), expected);
-		EXPECT_EQ(std::string(name + expected.size(), SHM_NAME_LEN - expected.size()),
-			  std::string(SHM_NAME_LEN - expected.size(), '\0')) << "padded with NULs";
+		EXPECT_EQ(std::string(name, SHM_NAME_LEN), expected + std::string(SHM_NAME_LEN - expected.size(), '\0')) << "padded with NULs";
 	}
 }
 
@@ -45,8 +42,7 @@ TEST(VrfInit, UnbindableSourceFailsAfterTheStoreIsSetUpAndPersistKeepsIt)
 		unsetenv("NSPATH");
 		reflector_cfg = {};
 	}};
-	reflector_cfg = {};
-	reflector_cfg.sourceIp = inet_addr("198.51.100.77");
+	reflector_cfg = {.sourceIp = inet_addr("198.51.100.77")};
 	EXPECT_EQ(vrf_init(), nullptr);
 	// A counter left by a previous run survives only with persist.
 	unique_fd fd{shm_open(name, O_RDWR, 0)};
@@ -78,16 +74,13 @@ TEST_F(InitInNamespace, NetnsSocketAtReturnsHomeAndKeepsTheErrnoOfAFailureThere)
 }
 
 // Each ends while parsing, with status 0 and the help text after a line
-// that says why. Cases reaching the presence rule were otherwise accepted.
+// that says why.
 TEST(StartupCommandLine, HelpUnrecognizedOptionsAndMissingValuesPrintTheirTextAndExitZero)
 {
 	const std::string HELP = "SBFD Reflector [-h] [-D] [-A] -d DISCRIMINATOR -p SOURCEIP -r MINRX \n";
 	const std::string UNRECOGNIZED = "Unrecognized command line option ( 63 ).\n\n" + HELP;
 	const std::string MISSING = "Error: All paramaters have to be set.\n\n" + HELP;
-	const struct {
-		std::vector<std::string> args;
-		const std::string &out;  // the first lines of standard output
-	} cases[] = {
+	const std::pair<std::vector<std::string>, const std::string &> cases[] = {  // arguments, first lines of output
 		{{"-h"}, HELP},
 		{{"-x"}, UNRECOGNIZED},
 		{{"-d"}, UNRECOGNIZED},        // missing argument
@@ -98,15 +91,15 @@ TEST(StartupCommandLine, HelpUnrecognizedOptionsAndMissingValuesPrintTheirTextAn
 		{{"--persist", "--adminDown", "--daemonize", "--discriminator", "0", "--sourceIp", "192.0.2.1", "-r", "1"}, MISSING},
 		{{"-d", "1", "-d", "0", "-p", "192.0.2.1", "-r", "1"}, MISSING},  // the last one wins
 	};
-	for (const auto &c : cases) {
+	for (const auto &[args, out] : cases) {
 		std::vector<std::string> argv{testutil::bin("orvalindwarden")};
-		argv.insert(argv.end(), c.args.begin(), c.args.end());
+		argv.insert(argv.end(), args.begin(), args.end());
 		testutil::child_process p(argv);
-		const std::string what = testing::PrintToString(c.args);
+		const std::string what = testing::PrintToString(args);
 		EXPECT_EQ(p.exit_status(), 0) << what;
-		EXPECT_EQ(p.out().substr(0, c.out.size()), c.out) << what;
+		EXPECT_EQ(p.out().substr(0, out.size()), out) << what;
 		EXPECT_NE(p.out().find(" -S | --persist SBFD statistics\n"), std::string::npos) << "the whole help text";
-		if (&c.out == &UNRECOGNIZED)
+		if (&out == &UNRECOGNIZED)
 			EXPECT_NE(p.err(), "") << "getopt_long's own diagnostic goes to standard error";
 	}
 }

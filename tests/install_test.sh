@@ -7,10 +7,7 @@
 set -euo pipefail
 build=$1 src=$2 what=$3
 
-fail() {
-	echo "FAIL: $*" >&2
-	exit 1
-}
+fail() { echo "FAIL: $*" >&2; exit 1; }
 need() {
 	for p in "$@"; do
 		command -v "$p" >/dev/null || { echo "SKIP: $p is not installed (scripts/deps.sh installs it)"; exit 77; }
@@ -31,7 +28,6 @@ package)
 	cpack -G DEB -B "$tmp" --config "$build/CPackConfig.cmake" >"$tmp/cpack.log" 2>&1 || { cat "$tmp/cpack.log"; fail cpack; }
 	deb=$(ls "$tmp"/orvalindwarden_*.deb)
 	p=$(sed -n 's/^set(CPACK_PACKAGING_INSTALL_PREFIX "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
-	[ -n "$p" ] || fail "no packaging prefix in CPackConfig.cmake"
 
 	# Every file the package must carry, and no test or benchmark program.
 	dpkg-deb -c "$deb" | awk '{print $6}' | sed 's#^\./#/#' >"$tmp/files"
@@ -53,17 +49,14 @@ package)
 	# systemd-analyze warns without failing, so any output fails.
 	command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing: units not verified"; echo PASS; exit 0; }
 	dpkg-deb -x "$deb" "$tmp/root"
-	unitdir=$tmp/root$p/lib/systemd/system
-	mkdir "$tmp/units"
 	for pair in orvalindwarden.service:orvalindwarden.service orvalindwarden@.service:orvalindwarden@blue.service; do
-		grep -q "^ExecStart=$p/sbin/orvalindwarden " "$unitdir/${pair%%:*}" || fail "${pair%%:*}: ExecStart is not the packaged daemon"
-		sed "s#^ExecStart=$p/sbin/#ExecStart=$tmp/root$p/sbin/#" "$unitdir/${pair%%:*}" >"$tmp/units/${pair#*:}"
-		(cd "$tmp/units" && systemd-analyze verify --man=no "./${pair#*:}") >"$tmp/verify" 2>&1 &&
+		unit=$tmp/root$p/lib/systemd/system/${pair%%:*}
+		grep -q "^ExecStart=$p/sbin/orvalindwarden " "$unit" || fail "${pair%%:*}: ExecStart is not the packaged daemon"
+		sed "s#^ExecStart=$p/sbin/#ExecStart=$tmp/root$p/sbin/#" "$unit" >"$tmp/${pair#*:}"
+		(cd "$tmp" && systemd-analyze verify --man=no "./${pair#*:}") >"$tmp/verify" 2>&1 &&
 			[ ! -s "$tmp/verify" ] || { cat "$tmp/verify"; fail "systemd-analyze verify rejects or warns about ${pair%%:*}"; }
 	done
 	;;
-*)
-	fail "unknown check $what"
-	;;
+*) fail "unknown check $what" ;;
 esac
 echo PASS

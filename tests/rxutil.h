@@ -1,7 +1,6 @@
 // rxutil.h -- harness of the packet path and the control channel: a context
-// over a store of its own, requests built field by field, the receive socket
-// pair, a loopback receiver for replies, the scripted sendto of
-// send_seam.cpp, and this process's trace as the reader renders it.
+// over a store of its own, requests, a loopback receiver for replies, the
+// scripted sendto of send_seam.cpp, and this process's trace.
 #pragma once
 
 #include <arpa/inet.h>
@@ -29,12 +28,10 @@ namespace rxt {
 using bytes = std::vector<std::uint8_t>;
 
 // sendto on descriptor `fd` first fails with the errno values of `script`,
-// in order; then returns `short_len` when not negative, or the full length
-// without sending when `swallow` is set.
+// in order; then returns `short_len` without sending when not negative.
 struct seam_state {
 	int fd = -1;
 	std::vector<int> script;
-	bool swallow = false;
 	ssize_t short_len = -1;
 	std::size_t calls = 0;
 };
@@ -68,10 +65,10 @@ struct request {
 	}
 };
 
-// A context over a store of its own (a shared mapping, so a death test's
-// child writes show here), the receive socket pair, a transmit socket and a
-// loopback receiver, the source of every frame of frame_shape().
-// setup_table() is apart so that a test may fill the store first.
+// A context over a store of its own (shared, so that a death test's child's
+// writes show here), the receive socket pair, a transmit socket and the
+// loopback receiver frame_shape() sends from. setup_table() is apart so that
+// a test may fill the store first.
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
 		mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
@@ -82,18 +79,12 @@ struct harness {
 
 	explicit harness(bool persist = false)
 	{
-		reflector_cfg = reflector_config{};
-		reflector_cfg.discriminator = htonl(OUR_DISC);
-		reflector_cfg.minRx = OUR_MIN_RX;
-		reflector_cfg.sourceIp = ip("127.0.0.1");
-		reflector_cfg.persist = persist ? 1 : 0;
+		reflector_cfg = {.discriminator = htonl(OUR_DISC), .minRx = OUR_MIN_RX, .sourceIp = ip("127.0.0.1"), .persist = persist};
 		vrf->name = DEFAULT_NS;
-		vrf->shm = store;
+		vrf->shm = store;  // zero-filled, like a new store
 		for (auto &h : vrf->hash_tbl)
 			list_init(&h);
 		list_init(&vrf->sess_cache);
-		list_init(&vrf->free_list);
-		std::memset(store, 0, SHM_SIZE);
 		socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair);
 		vrf->outfd = udp_bound(nullptr);
 		receiver = udp_bound(&receiver_port);
@@ -106,17 +97,9 @@ struct harness {
 				close(fd);
 		munmap(store, SHM_SIZE);
 	}
-	harness(const harness &) = delete;
-	harness &operator=(const harness &) = delete;
 
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
-	frame_spec frame_shape() const
-	{
-		frame_spec s;
-		s.src_ip = INADDR_LOOPBACK;
-		s.src_port = receiver_port;
-		return s;
-	}
+	frame_spec frame_shape() const { return {.src_ip = INADDR_LOOPBACK, .src_port = receiver_port}; }
 	bytes frame(const request &r) const { return probe_frame_build(frame_shape(), r.encode()); }
 
 	// Hands one datagram to a receive callback through the socket pair.
@@ -145,13 +128,6 @@ struct harness {
 			v.push_back(slot_of(node_of_cache(l)));
 		return v;
 	}
-	std::uint32_t free_count() const
-	{
-		std::uint32_t n = 0;
-		for (list_link *l = vrf->free_list.next; l != &vrf->free_list; l = l->next)
-			n++;
-		return n;
-	}
 
 private:
 	// A UDP socket bound to 127.0.0.1 on an ephemeral port.
@@ -169,8 +145,8 @@ private:
 };
 
 // This process's trace (one handle per process: call-site ids are per
-// process), in a directory of its own. take() gives the records written
-// since the last call, (level, text).
+// process). take() gives the texts of records at `level` (-1: any) since its
+// last call for that level.
 class trace_reader {
 public:
 	static trace_reader &get()
@@ -178,30 +154,21 @@ public:
 		static trace_reader t;
 		return t;
 	}
-	bool on() const { return open_; }
-	std::vector<std::pair<int, std::string>> take()
+	std::vector<std::string> take(int level = -1)
 	{
-		std::vector<std::pair<int, std::string>> out;
+		std::vector<std::string> out;
+		EXPECT_TRUE(open_) << "this process's trace did not open";
 		if (!open_)
 			return out;
 		blr_load_descs(file_);
 		std::vector<blr_record> recs;
-		blr_collect(file_, 0x7F, 0, recs);
+		blr_collect(file_, level < 0 ? 0x7Fu : 1u << level, 0, recs);
 		blr_sort(recs);
 		for (const auto &r : recs)
 			for (const auto &d : file_.descs)
 				if (d.msg_id == r.msg_id)
-					out.emplace_back(static_cast<int>(r.level), blr_format(d.fmt, r.values));
+					out.push_back(blr_format(d.fmt, r.values));
 		return out;
-	}
-	// Texts of take() at `level`.
-	std::vector<std::string> take_level(int level)
-	{
-		std::vector<std::string> v;
-		for (auto &[l, t] : take())
-			if (l == level)
-				v.push_back(t);
-		return v;
 	}
 
 private:
@@ -215,14 +182,5 @@ private:
 	bool open_ = false;
 	blr_file file_;
 };
-
-// Count of texts in `v` that contain `needle`.
-inline int count_containing(const std::vector<std::string> &v, const std::string &needle)
-{
-	int n = 0;
-	for (const auto &s : v)
-		n += s.find(needle) != std::string::npos;
-	return n;
-}
 
 }  // namespace rxt

@@ -1,6 +1,6 @@
 // send_seam.cpp -- a sendto that tests can script (rxt::seam), for send
-// failures no real socket produces on demand (EINTR, a short send) and
-// replies that must not leave the host. Other calls go to the C library.
+// failures no real socket produces on demand (EINTR, a short send). Other
+// calls go to the C library.
 #include <dlfcn.h>
 #include <sys/socket.h>
 
@@ -10,7 +10,7 @@
 
 extern "C" ssize_t sendto(int fd, const void *buf, size_t len, int flags, const sockaddr *addr, socklen_t addr_len)
 {
-	auto &[seam_fd, script, swallow, short_len, calls] = rxt::seam;
+	auto &[seam_fd, script, short_len, calls] = rxt::seam;
 	if (fd >= 0 && fd == seam_fd) {
 		calls++;
 		if (!script.empty()) {
@@ -18,8 +18,8 @@ extern "C" ssize_t sendto(int fd, const void *buf, size_t len, int flags, const 
 			script.erase(script.begin());
 			return -1;
 		}
-		if (short_len >= 0 || swallow)
-			return short_len >= 0 ? short_len : static_cast<ssize_t>(len);
+		if (short_len >= 0)
+			return short_len;
 	}
 	using sendto_fn = ssize_t (*)(int, const void *, size_t, int, const sockaddr *, socklen_t);
 	static sendto_fn real = reinterpret_cast<sendto_fn>(dlsym(RTLD_NEXT, "sendto"));

@@ -19,12 +19,10 @@
 
 namespace {
 
-// A store with three sessions as the daemon would leave them, in the slots
-// it hands out first.
+// A store with three sessions in the slots the daemon hands out first.
 std::unique_ptr<shmstat_snapshot> sample_snapshot()
 {
 	auto snap = std::make_unique<shmstat_snapshot>();
-	std::memset(&snap->store, 0, sizeof snap->store);
 	snap->stable = true;
 	snap->taken = {1700000100, 0};
 	reflector_shm &st = snap->store;
@@ -60,9 +58,7 @@ TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
 		return shmstat_read(name, snap.get(), &err);
 	};
 	EXPECT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_NOT_FOUND);
-	std::vector<unsigned char> junk(SHM_SIZE + 1);
-	for (std::size_t i = 0; i < junk.size(); i++)
-		junk[i] = static_cast<unsigned char>(i * 131 + 7);
+	const std::string junk(SHM_SIZE + 1, '\x5a');
 	for (std::size_t size : {std::size_t(0), SHM_SIZE - 1, SHM_SIZE + 1}) {
 		EXPECT_EQ(read_back(junk.data(), size), SHMSTAT_WRONG_SIZE) << size;
 		EXPECT_NE(err.find(std::to_string(size) + " bytes"), std::string::npos) << err;
@@ -74,15 +70,10 @@ TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
 	EXPECT_TRUE(snap->stable);
 }
 
-// Each case breaks one rule of a plausible store; `cross` says whether the
-// rule is one that only applies to a stable copy.
+// Each case breaks one rule; `cross` rules apply to a stable copy only.
 TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 {
-	const struct {
-		const char *what;
-		void (*edit)(reflector_shm &);
-		bool accepted, cross;
-	} cases[] = {
+	const std::tuple<const char *, void (*)(reflector_shm &), bool, bool> cases[] = {  // what, edit, accepted, cross
 		{"sample store", [](reflector_shm &) {}, true, false},
 		{"state 4", [](reflector_shm &s) { s.sessions[511].state = 4; }, false, false},
 		{"tx_diag 32", [](reflector_shm &s) { s.sessions[511].tx_diag = 32; }, false, false},
@@ -100,13 +91,13 @@ TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 		{"counted, not yet looked up",
 		 [](reflector_shm &s) { s.rx_valid_pkts = 1024, s.rx_hash_hit = 500, s.rx_hash_miss = 12, s.rx_hash_trim = 0; }, true, true},
 	};
-	for (const auto &c : cases) {
+	for (const auto &[what, edit, accepted, cross] : cases) {
 		auto snap = sample_snapshot();
-		c.edit(snap->store);
+		edit(snap->store);
 		std::string why;
-		EXPECT_EQ(shmstat_plausible(snap->store, true, &why), c.accepted) << c.what << ": " << why;
-		if (c.cross)  // a torn copy must not be rejected for these
-			EXPECT_TRUE(shmstat_plausible(snap->store, false, &why)) << c.what << ": " << why;
+		EXPECT_EQ(shmstat_plausible(snap->store, true, &why), accepted) << what << ": " << why;
+		if (cross)  // a torn copy must not be rejected for these
+			EXPECT_TRUE(shmstat_plausible(snap->store, false, &why)) << what << ": " << why;
 	}
 }
 
@@ -123,7 +114,6 @@ TEST(ShmstatPrometheus, EverySampleHasHelpAndTypeAndSessionsAreLabelled)
 	std::istringstream in(shmstat_format_prometheus(*sample_snapshot()));
 	std::map<std::string, std::string> type;  // metric -> counter or gauge, from its TYPE line
 	std::set<std::string> help, series;
-	int session_lines = 0;
 	for (std::string line, a, b, c; std::getline(in, line);) {
 		std::istringstream(line) >> a >> b >> c;
 		if (a == "#") {
@@ -138,12 +128,9 @@ TEST(ShmstatPrometheus, EverySampleHasHelpAndTypeAndSessionsAreLabelled)
 		EXPECT_TRUE(series.insert(a).second) << "duplicate series " << a;
 		EXPECT_EQ(type[metric] == "counter", metric.ends_with("_total")) << metric;
 		EXPECT_EQ(b.find_first_not_of("0123456789."), std::string::npos) << line;
-		session_lines += metric.find("_session_") != std::string::npos;
 	}
 	EXPECT_EQ(type["orvalindwarden_rx_hash_hit"], "gauge");
 	EXPECT_TRUE(series.count("orvalindwarden_session_received_total{discriminator=\"300\",address=\"198.51.100.7\"}"));
-	EXPECT_EQ(session_lines % 3, 0);
-	EXPECT_GT(session_lines, 0);
 }
 
 TEST(ShmstatText, AlignsTheSessionTableAndShowsRatesAcrossAWrap)

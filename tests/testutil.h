@@ -1,9 +1,6 @@
 // testutil.h -- helpers shared by the tests: unique names, files, bounded
-// waits, and owners of what a test makes outside its own memory (temporary
-// directories, child processes, anything with an undo step). Each owner
-// undoes its work in its destructor, so a test that fails half way leaves
-// the machine as it found it. Processes are signalled only by the pid the
-// owner started. Names carry getpid() so that tests can run in parallel.
+// waits, and owners of temporary directories, child processes and undo
+// steps, whose destructors leave the machine as it was also when a test fails.
 #pragma once
 
 #include <fcntl.h>
@@ -45,18 +42,14 @@ inline std::string read_file(const std::string &path)
 // Polls `pred` until it is true or `timeout` has passed; its last value.
 template <typename Pred> bool wait_until(Pred pred, std::chrono::milliseconds timeout = std::chrono::seconds(5))
 {
-	const auto end = std::chrono::steady_clock::now() + timeout;
-	while (!pred()) {
+	for (const auto end = std::chrono::steady_clock::now() + timeout; !pred(); std::this_thread::sleep_for(std::chrono::milliseconds(10)))
 		if (std::chrono::steady_clock::now() >= end)
 			return pred();
-		std::this_thread::sleep_for(std::chrono::milliseconds(10));
-	}
 	return true;
 }
 
-// Runs its undo step (a namespace deleted, an object unlinked, a setting
-// restored) when it goes, in the process that made it only (not in a death
-// test's child).
+// Runs its undo step when it goes, in the process that made it only (not in
+// a death test's child).
 struct undo {
 	explicit undo(std::function<void()> f) : fn(std::move(f)) {}
 	undo(const undo &) = delete;
@@ -91,11 +84,9 @@ private:
 	}};
 };
 
-// A child started with fork/exec; argv[0] is looked up in PATH. `env`
-// entries "NAME=value" set a variable, a bare "NAME" removes it (env(1) does
-// the work). Standard input is /dev/null; output and error are read back
-// with out() and err(). Still running on destruction, it is SIGKILLed by its
-// pid and reaped.
+// A child started with fork/exec, argv[0] looked up in PATH, input from
+// /dev/null. `env` entries "NAME=value" set a variable, a bare "NAME" removes
+// it. Still running on destruction, it is SIGKILLed by its pid and reaped.
 class child_process {
 public:
 	explicit child_process(std::vector<std::string> argv, const std::vector<std::string> &env = {})
@@ -138,8 +129,7 @@ public:
 			status_ = st;
 		return pid_ > 0 && !status_;
 	}
-	// Exit status after waiting up to `timeout`; -1 when the child did not
-	// end in time or ended on a signal.
+	// Exit status after waiting up to `timeout`; -1: not ended, or by a signal.
 	int exit_status(std::chrono::milliseconds timeout = std::chrono::seconds(20))
 	{
 		wait_until([&] { return !running(); }, timeout);
@@ -154,10 +144,8 @@ private:
 	std::optional<int> status_;
 };
 
-// Exit status of the shell command `cmd` (-1: it did not exit normally).
 inline int run(const std::string &cmd) { return child_process({"sh", "-c", cmd}).exit_status(); }
 
-// Standard output of the shell command `cmd`.
 inline std::string output_of(const std::string &cmd)
 {
 	child_process p({"sh", "-c", cmd});

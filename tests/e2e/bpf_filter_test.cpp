@@ -1,6 +1,5 @@
 // bpf_filter_test.cpp -- the reflector's two kernel filter programs run in
 // an independent classic BPF interpreter (libpcap's) over crafted frames.
-// The kernel checks each program when the daemon attaches it.
 #include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <pcap/bpf.h>
@@ -10,34 +9,26 @@
 
 namespace {
 
-// sock_filter and bpf_insn are the same classic BPF record.
-static_assert(sizeof(sock_filter) == sizeof(bpf_insn));
-static_assert(offsetof(sock_filter, k) == offsetof(bpf_insn, k));
-
 constexpr unsigned ACCEPT = 0xffff;
 
 // Ethernet [labels] IPv4 UDP (or `proto`) to `port`, with `opts` bytes of options.
 std::vector<std::uint8_t> ipv4(std::vector<std::uint32_t> labels = {}, std::uint16_t port = SBFD_PORT,
 			       std::uint8_t proto = IP_PROTO_UDP, std::uint16_t frag = 0, std::size_t opts = 0)
 {
-	frame_spec s;
-	s.dst_port = port;
-	s.labels = std::move(labels);
-	s.ip_proto = proto;
-	s.frag = frag;
-	s.ip_options.assign(opts, 1);
+	const frame_spec s{.labels = std::move(labels), .ip_proto = proto, .frag = frag,
+			   .ip_options = std::vector<std::uint8_t>(opts, 1), .dst_port = port};
 	return probe_frame_build(s, std::vector<std::uint8_t>(BFD_PKT_LEN));
 }
 
-// Ethernet [label 0] IPv6 with `next` to `port`: IPv4 with a 40-byte header, rewritten.
-std::vector<std::uint8_t> ipv6(bool labelled, std::uint8_t next, std::uint16_t port)
+// Ethernet [label 0] IPv6 UDP to 7784: IPv4 with a 40-byte header, rewritten.
+std::vector<std::uint8_t> ipv6(bool labelled)
 {
-	auto f = ipv4(labelled ? std::vector<std::uint32_t>{0} : std::vector<std::uint32_t>{}, port, IP_PROTO_UDP, 0, 20);
-	const std::size_t ip = ETH_HDR_LEN + (labelled ? 4 : 0);
+	auto f = ipv4(std::vector<std::uint32_t>(labelled, 0), SBFD_PORT, IP_PROTO_UDP, 0, 20);
+	const std::size_t ip = ETH_HDR_LEN + 4 * labelled;
 	if (!labelled)
 		f[12] = 0x86, f[13] = 0xdd;
 	f[ip] = 0x60;
-	f[ip + 6] = next;
+	f[ip + 6] = IP_PROTO_UDP;  // Next Header
 	return f;
 }
 
@@ -49,7 +40,7 @@ TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 	tc_ttl[17] = 1;      // TTL 1
 	auto vlan = ipv4();
 	vlan[12] = 0x81, vlan[13] = 0x00;
-	struct {
+	const struct {
 		const char *what;
 		std::vector<std::uint8_t> frame;
 		unsigned udp, mpls;
@@ -60,7 +51,7 @@ TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 		{"IPv4 with 40 bytes of options", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0, 40), ACCEPT, 0},
 		{"first fragment, More Fragments", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x2000), ACCEPT, 0},
 		{"non-first fragment", ipv4({}, SBFD_PORT, IP_PROTO_UDP, 0x0010), 0, 0},
-		{"IPv6 UDP to 7784", ipv6(false, 17, SBFD_PORT), ACCEPT, 0},
+		{"IPv6 UDP to 7784", ipv6(false), ACCEPT, 0},
 		{"VLAN tag", vlan, 0, 0},
 		{"label 0, IPv4 UDP to 7784", ipv4({0}), 0, ACCEPT},
 		{"label 0, traffic class and TTL set", tc_ttl, 0, ACCEPT},
@@ -69,13 +60,10 @@ TEST(BpfFilters, PassExactlyTheFramesTheReflectorServes)
 		{"two labels", ipv4({0, 0}), 0, 0},
 		{"label 0, IPv4 options", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0, 12), 0, ACCEPT},
 		{"label 0, non-first fragment", ipv4({0}, SBFD_PORT, IP_PROTO_UDP, 0x0100), 0, 0},
-		{"label 0, IPv6 UDP to 7784", ipv6(true, 17, SBFD_PORT), 0, ACCEPT},
-		{"IPv4 cut before the ports", cut(ipv4(), 14 + 20 + 2), 0, 0},
+		{"label 0, IPv6 UDP to 7784", ipv6(true), 0, ACCEPT},
 		{"IPv4 cut after the ports", cut(ipv4(), 14 + 20 + 4), ACCEPT, 0},
-		{"label 0 cut inside the label", cut(ipv4({0}), 16), 0, 0},
-		{"label 0 cut before the ports", cut(ipv4({0}), 18 + 20 + 3), 0, 0},
 	};
-	for (auto &c : cases) {
+	for (const auto &c : cases) {
 		const unsigned n = static_cast<unsigned>(c.frame.size());
 		for (auto [prog, want] : {std::pair(sbfd_udp_filter, c.udp), std::pair(sbfd_mpls_filter, c.mpls)})
 			EXPECT_EQ(bpf_filter(reinterpret_cast<const bpf_insn *>(prog), c.frame.data(), n, n), want)

@@ -14,9 +14,6 @@
 #include <sys/socket.h>
 
 #include <cstring>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -42,18 +39,6 @@ struct reply {
 	bfd_ctrl_pkt pkt{};
 };
 
-// A UDP socket in namespace `ns` bound to `ip_h` and `port` (0: an ephemeral
-// one) and, when `to_h` is nonzero, connected to its port 7784. -1 on failure.
-inline unique_fd udp_socket(const std::string &ns, std::uint32_t ip_h, std::uint32_t to_h, std::uint16_t port = 0)
-{
-	unique_fd fd{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns.c_str())};
-	const sockaddr_in a{AF_INET, htons(port), {htonl(ip_h)}, {}}, d{AF_INET, htons(SBFD_PORT), {htonl(to_h)}, {}};
-	if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0 ||
-	    (to_h && connect(fd.get(), reinterpret_cast<const sockaddr *>(&d), sizeof d) != 0))
-		fd.reset();
-	return fd;
-}
-
 // Skips without root; each test starts the daemon itself.
 class E2eTest : public ::testing::Test {
 protected:
@@ -70,10 +55,8 @@ protected:
 		ASSERT_TRUE(logs.ok());
 	}
 
-	// Starts the daemon with `args` (replacing an earlier one) and waits,
-	// bounded, until its netlink port, the last socket it opens, is bound: a
-	// line "sk Eth Pid ..." of NETLINK_USERSOCK (2) with port = pid, the
-	// columns "%-3d %-10u". False when it ended instead.
+	// Starts the daemon with `args` (replacing an earlier one); false unless its
+	// netlink port (protocol 2, port = pid), the last socket it opens, gets bound.
 	bool spawn(const std::vector<std::string> &args)
 	{
 		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d, bin("orvalindwarden")};
@@ -87,23 +70,25 @@ protected:
 		testutil::wait_until([&] { return !daemon->running() || bound(); }, std::chrono::seconds(10));
 		return daemon->running() && bound();
 	}
-	// Starts the daemon on 192.0.2.1 and opens the initiator's UDP socket
-	// and its packet socket on vi0 (sees every frame there, sends crafted ones).
+	// Starts the daemon on 192.0.2.1 and opens the initiator's UDP socket,
+	// connected to the daemon's 7784, and its packet socket on vi0 (sees
+	// every frame there, sends crafted ones).
 	void start(std::uint32_t disc, std::uint32_t min_rx, const std::vector<std::string> &extra = {})
 	{
 		std::vector<std::string> args = {"-d", std::to_string(disc), "-p", DAEMON_IP, "-r", std::to_string(min_rx)};
 		args.insert(args.end(), extra.begin(), extra.end());
 		udp.reset(), raw.reset();  // not for the daemon to inherit: a second start binds the same port
 		ASSERT_TRUE(spawn(args)) << "daemon not ready: " << daemon->out() << daemon->err();
-		udp = udp_socket(ns_i, INITIATOR_IP_H, 0, port);
-		ASSERT_GE(udp.get(), 0);
+		udp = unique_fd(netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns_i.c_str()));
 		raw = unique_fd(netnsSocketAt(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL), ns_i.c_str()));
-		sockaddr_ll ll{};
-		ll.sll_family = AF_PACKET;
-		ll.sll_protocol = htons(ETH_P_ALL);
-		ll.sll_ifindex = std::atoi(testutil::output_of("ip -n " + ns_i + " -o link show dev vi0").c_str());
+		const sockaddr_in a{AF_INET, htons(port), {htonl(INITIATOR_IP_H)}, {}},
+				  d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
+		const sockaddr_ll ll{.sll_family = AF_PACKET, .sll_protocol = htons(ETH_P_ALL),
+				     .sll_ifindex = std::atoi(testutil::output_of("ip -n " + ns_i + " -o link show dev vi0").c_str())};
 		const timeval tv{0, 20000};
-		ASSERT_EQ(bind(raw.get(), reinterpret_cast<sockaddr *>(&ll), sizeof ll), 0);
+		ASSERT_EQ(bind(udp.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a), 0);
+		ASSERT_EQ(connect(udp.get(), reinterpret_cast<const sockaddr *>(&d), sizeof d), 0);
+		ASSERT_EQ(bind(raw.get(), reinterpret_cast<const sockaddr *>(&ll), sizeof ll), 0);
 		ASSERT_EQ(setsockopt(raw.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv), 0);
 	}
 
@@ -122,28 +107,18 @@ protected:
 		return snap->store;
 	}
 
-	// The shape of a broadcast frame from the initiator's UDP port to the
-	// daemon's 7784 (its packet sockets take any destination MAC).
+	// A broadcast frame from the initiator's UDP port to the daemon's 7784
+	// (its packet sockets take any destination MAC).
 	frame_spec shape() const
 	{
-		frame_spec s;
-		std::memset(s.dst_mac, 0xff, 6);
-		s.src_ip = INITIATOR_IP_H;
-		s.dst_ip = DAEMON_IP_H;
-		s.src_port = port;
-		return s;
-	}
-	bool send_frame(const std::vector<std::uint8_t> &f)
-	{
-		return send(raw.get(), f.data(), f.size(), 0) == static_cast<ssize_t>(f.size());
+		return {.dst_mac = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, .src_ip = INITIATOR_IP_H, .dst_ip = DAEMON_IP_H, .src_port = port};
 	}
 	// The next frame from port 7784 that reached vi0 within `timeout`; with
 	// `outgoing`, the next UDP frame that left it instead.
 	std::optional<reply> capture(ms timeout = std::chrono::seconds(3), bool outgoing = false)
 	{
 		for (const auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;) {
-			reply r;
-			r.frame.resize(2048);
+			reply r{std::vector<std::uint8_t>(2048)};
 			sockaddr_ll from{};
 			socklen_t fl = sizeof from;
 			const ssize_t n = recvfrom(raw.get(), r.frame.data(), r.frame.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
@@ -161,8 +136,7 @@ protected:
 	{
 		std::uint8_t b[BFD_PKT_LEN];
 		probe_encode_request(p, b);
-		const sockaddr_in d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
-		EXPECT_EQ(sendto(udp.get(), b, sizeof b, 0, reinterpret_cast<const sockaddr *>(&d), sizeof d), static_cast<ssize_t>(BFD_PKT_LEN));
+		EXPECT_EQ(send(udp.get(), b, sizeof b, 0), static_cast<ssize_t>(sizeof b));
 		return capture(timeout);
 	}
 
