@@ -83,6 +83,20 @@ static_assert((SESSION_HASH_BUCKETS & SESSION_HASH_MASK) == 0, "bucket count is 
 constexpr std::uint64_t HASH_PERIOD_MASK = MAX_SESSIONS - 1;  // 0x1FF
 constexpr std::size_t RX_BUF_LEN = 65536;  // receive buffer of frames and netlink datagrams
 
+// True when no S-BFD packet may be sent to, or from, the IPv4 address
+// `addr` (host byte order): "this network" 0.0.0.0/8, loopback 127.0.0.0/8,
+// multicast 224.0.0.0/4, reserved 240.0.0.0/4 and the limited broadcast
+// 255.255.255.255 (RFC 1122 section 3.2.1.3, RFC 5735). Such a source on a
+// request is forged: the packet sockets see frames before the kernel's
+// martian filtering, so the reply path refuses these destinations itself.
+constexpr bool ipv4_martian(std::uint32_t addr)
+{
+	const std::uint32_t first = addr >> 24;
+	return first == 0 || first == 127 || first >= 224;
+}
+static_assert(ipv4_martian(0x7f000001) && ipv4_martian(0xe0000001) && ipv4_martian(0xffffffff) &&
+	      ipv4_martian(0x00000000) && !ipv4_martian(0xc0000201) && !ipv4_martian(0xdfffffff));
+
 // init_socket / init_out_socket / reflector_init results.
 constexpr int INIT_OK = 0;
 constexpr int INIT_ERR_NO_VRF = 16;  // null context
