@@ -198,6 +198,18 @@ TEST(Report, ThinsByTheTotalOfDroppedAndValidPackets)
 						 std::to_string(c.valid) + ", tx_sends 0, cache_cnt 3, ", 0), 0u) << lines[0];
 		EXPECT_EQ(lines[4].rfind("SESSION STATS-RX: discriminator 3, source_ip 192.0.2.1,", 0), 0u);
 	}
+	// Stored times are the store's: any year renders as ctime renders it.
+	reflector_session &front = h.store->sessions[509];
+	front.last_rx.tv_sec = 253402300800;  // 10000-01-01 00:00:00 UTC
+	front.last_state_change.tv_sec = 4102444800;  // 2100
+	h.store->rx_drops = 0, h.store->rx_valid_pkts = 1;
+	tr.take();
+	maybe_dump_stats(h.vrf.get());
+	const auto lines = tr.take(TRACE_STATS);
+	ASSERT_EQ(lines.size(), 6u);
+	for (const time_t t : {front.last_rx.tv_sec, front.last_state_change.tv_sec})
+		EXPECT_NE(lines[4].find(std::string(" ") + ctime(&t) + " (" + std::to_string(t) + ".000000000)"),
+			  std::string::npos) << lines[4];
 }
 
 namespace {

@@ -28,13 +28,18 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <new>
 #include <sys/mman.h>
+#include <sys/random.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
+#include <syslog.h>
 #include <type_traits>
 #include <unistd.h>
 
@@ -48,6 +53,13 @@ namespace {
 constexpr int BL_MAX_OPEN_RECORDS = 8;  // nesting depth of open records (main flow + handlers)
 constexpr std::uint64_t BL_MAX_LEVEL_KIB = 1048576;  // 1 GiB per level
 constexpr std::uint32_t BL_DEFAULT_DIR_MODE = 0755;
+// Initiator addresses and discriminators are not for every local user; the
+// group (adm, say) may read them.
+constexpr mode_t BL_FILE_MODE = 0640;
+constexpr int BL_TEMP_TRIES = 8;  // random temporary names tried before giving up
+constexpr const char *BL_SYSLOG_PATH = "/dev/log";
+constexpr int BL_NOTE_PRIORITY = LOG_USER | LOG_WARNING;
+constexpr std::size_t BL_NOTE_LEN = 1024;  // bytes of one system-log note
 constexpr const char *BL_DEFAULT_DIR = "/var/log/brevlog";
 constexpr std::size_t BL_MAX_TEXT = 0xFFFF;  // a text's length is stored in a u16
 constexpr std::uint64_t BL_NS_PER_S = 1000000000;
@@ -135,9 +147,10 @@ struct bl_clock {
 }  // namespace
 
 struct bl_log {
-	unsigned char *base;        // start of the mapping; null once closed
+	unsigned char *base;        // start of the mapping; null once closed or never made
 	std::size_t map_size;       // bytes mapped (= file size)
 	int fd;                     // descriptor of the trace file
+	volatile sig_atomic_t lost;  // the file lost its storage: the mapping is anonymous memory
 	std::uint32_t nlevels;      // levels of the file
 	volatile sig_atomic_t depth;  // open records, including dropped deep ones
 	bl_clock clock;             // time stamps of records
@@ -534,6 +547,222 @@ void write_header(bl_log *h, const std::uint64_t kib[], std::uint32_t n)
 
 }  // namespace
 
+namespace {
+
+// ---- notes to the system log ----
+
+// Appends `text` to buf[*used..cap - 1], cut to fit; async-signal-safe.
+void append(char *buf, std::size_t cap, std::size_t *used, const char *text)
+{
+	while (*text && *used + 1 < cap)
+		buf[(*used)++] = *text++;
+	buf[*used] = '\0';
+}
+
+// Writes "<priority>ident[pid]: text" to the system log's socket. Made of
+// system calls only, so that a signal handler may call it; the library
+// notes at most twice per handle, so a socket per note costs nothing.
+void note(const char *text)
+{
+	char msg[BL_NOTE_LEN];
+	std::size_t used = 0;
+	char num[24];
+	auto decimal = [&num](unsigned long v) {
+		char *p = num + sizeof num - 1;
+		*p = '\0';
+		do
+			*--p = static_cast<char>('0' + v % 10);
+		while ((v /= 10) != 0);
+		return p;
+	};
+	append(msg, sizeof msg, &used, "<");
+	append(msg, sizeof msg, &used, decimal(BL_NOTE_PRIORITY));
+	append(msg, sizeof msg, &used, ">");
+	append(msg, sizeof msg, &used, program_invocation_short_name);
+	append(msg, sizeof msg, &used, "[");
+	append(msg, sizeof msg, &used, decimal(static_cast<unsigned long>(getpid())));
+	append(msg, sizeof msg, &used, "]: ");
+	append(msg, sizeof msg, &used, text);
+
+	const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+	if (fd == -1)
+		return;
+	sockaddr_un to{};
+	to.sun_family = AF_UNIX;
+	std::memcpy(to.sun_path, BL_SYSLOG_PATH, std::strlen(BL_SYSLOG_PATH) + 1);
+	(void)sendto(fd, msg, used, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&to),
+		     sizeof to);
+	close(fd);
+}
+
+// The note of a handle that could not get its file: the trace is off.
+void note_untraced(const bl_log *h, const char *file_name, const char *call, int err)
+{
+	char text[BL_NOTE_LEN];
+	std::size_t used = 0;
+	const char *where = h->path[0] ? h->path : file_name;
+	const char *const parts[] = {"trace file ", where, ": ", call, ": ", std::strerror(err),
+				     "; running without a trace"};
+	for (const char *part : parts)
+		append(text, sizeof text, &used, part);
+	note(text);
+}
+
+// ---- the trace file ----
+
+// Creates the trace file of `h` in $BREVLOG_DIR (else BL_DEFAULT_DIR) with
+// all its blocks reserved, so that no later store into the mapping can meet
+// a full file system. The file is made under a random temporary name with
+// O_EXCL | O_NOFOLLOW, which no planted link can redirect, and renamed into
+// place, after the previous run's file has been renamed to `file_name`.1;
+// rename replaces a link rather than following it. Returns nullptr with
+// h->fd and h->path set, or the name of the step that failed with errno set
+// (nothing is left behind then, and the previous file stays in place).
+const char *create_file(bl_log *h, const char *file_name, std::uint64_t total)
+{
+	const char *dir = std::getenv("BREVLOG_DIR");
+	if (!dir || !*dir)
+		dir = BL_DEFAULT_DIR;
+	if (!make_dirs(dir))
+		return "mkdir";
+	char absdir[PATH_MAX];
+	if (!realpath(dir, absdir))
+		return "realpath";
+	const int plen = std::snprintf(h->path, sizeof h->path, "%s/%s", absdir, file_name);
+	char old[NAME_MAX + 1], temp[NAME_MAX + 1];
+	const int olen = std::snprintf(old, sizeof old, "%s.1", file_name);
+	if (plen < 0 || static_cast<std::size_t>(plen) >= sizeof h->path || olen < 0 ||
+	    static_cast<std::size_t>(olen) >= sizeof old || std::strlen(file_name) + 19 > NAME_MAX) {
+		errno = ENAMETOOLONG;
+		return "path";
+	}
+	const int dirfd = open(absdir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+	if (dirfd == -1)
+		return "open directory";
+
+	int fd = -1;
+	for (int i = 0; i < BL_TEMP_TRIES && fd == -1; i++) {
+		std::uint64_t r = 0;
+		if (getrandom(&r, sizeof r, 0) != static_cast<ssize_t>(sizeof r))
+			r = static_cast<std::uint64_t>(now_ns()) ^ static_cast<std::uint64_t>(getpid());
+		std::snprintf(temp, sizeof temp, ".%s.%016llx", file_name, static_cast<unsigned long long>(r));
+		fd = openat(dirfd, temp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, BL_FILE_MODE);
+		if (fd == -1 && errno != EEXIST)
+			break;
+	}
+	const char *failed = nullptr;
+	if (fd == -1)
+		failed = "create";
+	else if (fchmod(fd, BL_FILE_MODE) == -1)  // whatever the umask
+		failed = "fchmod";
+	else if (const int e = posix_fallocate(fd, 0, static_cast<off_t>(total)); e != 0) {
+		errno = e;
+		failed = "posix_fallocate";
+	} else if (renameat(dirfd, file_name, dirfd, old) == -1 && errno != ENOENT)
+		failed = "rename to .1";
+	else if (renameat(dirfd, temp, dirfd, file_name) == -1)
+		failed = "rename";
+	const int e = errno;
+	if (failed && fd != -1) {
+		unlinkat(dirfd, temp, 0);
+		close(fd);
+		fd = -1;
+	}
+	close(dirfd);
+	h->fd = fd;
+	errno = e;
+	return failed;
+}
+
+// ---- storage lost under the mapping ----
+
+// A store into a mapped page whose file block is gone (the file was
+// truncated: `: > file`, copytruncate) or cannot be written (an I/O error)
+// raises SIGBUS. The handler puts anonymous memory in place of the whole
+// mapping, so the interrupted store and every later one land there, marks
+// the handle lost (bl_isInitialized is false from then on) and notes it in
+// the system log. Any other SIGBUS goes to the disposition found at
+// installation, as if the handler were not there.
+constexpr int BL_MAX_WATCHED = 8;  // handles whose mappings the handler knows
+
+struct bl_watch {
+	bl_log *h;            // null: free entry
+	unsigned char *base;  // the handle's mapping
+	std::size_t size;     // bytes
+};
+bl_watch watched[BL_MAX_WATCHED];  // changed only outside the handler
+bool bus_installed;
+struct sigaction bus_previous;  // SIGBUS disposition before ours
+
+void note_lost(const bl_log *h)
+{
+	char text[BL_NOTE_LEN];
+	std::size_t used = 0;
+	const char *where = h->path;
+	const char *const parts[] = {"trace file ", where,
+				     " lost its storage (truncated, or the file system failed); tracing is off"};
+	for (const char *part : parts)
+		append(text, sizeof text, &used, part);
+	note(text);
+}
+
+void on_sigbus(int sig, siginfo_t *si, void *)
+{
+	const int saved_errno = errno;
+	const auto *a = static_cast<const unsigned char *>(si->si_addr);
+	if (si->si_code > 0) {  // raised by a fault, not sent
+		for (bl_watch &w : watched) {
+			if (!w.h || a < w.base || a >= w.base + w.size)
+				continue;
+			if (mmap(w.base, w.size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED,
+				 -1, 0) == MAP_FAILED)
+				break;  // the fault would only repeat
+			if (!w.h->lost) {
+				w.h->lost = 1;
+				note_lost(w.h);
+			}
+			errno = saved_errno;
+			return;  // the faulting store runs again, into the anonymous page
+		}
+	}
+	// Not ours: a fault repeats on return and meets the previous
+	// disposition; a sent signal is sent again.
+	sigaction(SIGBUS, &bus_previous, nullptr);
+	if (si->si_code <= 0)
+		raise(sig);
+	errno = saved_errno;
+}
+
+void watch_mapping(bl_log *h)
+{
+	for (bl_watch &w : watched) {
+		if (w.h)
+			continue;
+		w.base = h->base;
+		w.size = h->map_size;
+		std::atomic_signal_fence(std::memory_order_seq_cst);
+		w.h = h;
+		break;
+	}
+	if (bus_installed)
+		return;
+	struct sigaction sa {};
+	sa.sa_sigaction = on_sigbus;
+	sa.sa_flags = SA_SIGINFO;
+	sigemptyset(&sa.sa_mask);
+	bus_installed = sigaction(SIGBUS, &sa, &bus_previous) == 0;
+}
+
+void unwatch_mapping(const bl_log *h)
+{
+	for (bl_watch &w : watched)
+		if (w.h == h)
+			w.h = nullptr;
+	std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+}  // namespace
+
 const char *bl_type_name(std::uint8_t type)
 {
 	switch (static_cast<bl_type>(type)) {
@@ -557,73 +786,50 @@ bl_log *bl_initialize_handle(const char *file_name, const char *sizes)
 		errno = EINVAL;
 		return nullptr;
 	}
-
-	// Directory: $BREVLOG_DIR, else the default; absolute from here on.
-	const char *dir = std::getenv("BREVLOG_DIR");
-	if (!dir || !*dir)
-		dir = BL_DEFAULT_DIR;
-	if (!make_dirs(dir))
-		return nullptr;
-	char absdir[PATH_MAX];
-	if (!realpath(dir, absdir))
-		return nullptr;
-
 	void *mem = std::calloc(1, sizeof(bl_log));
 	if (!mem)
 		return nullptr;
 	bl_log *h = new (mem) bl_log;
 	h->fd = -1;
-	const int plen = std::snprintf(h->path, sizeof h->path, "%s/%s", absdir, file_name);
-	char old[PATH_MAX];
-	if (plen < 0 || static_cast<std::size_t>(plen) + 3 > sizeof h->path) {
-		std::free(h);
-		errno = ENAMETOOLONG;
-		return nullptr;
-	}
-	std::memcpy(old, h->path, static_cast<std::size_t>(plen));
-	std::memcpy(old + plen, ".1", 3);
 
-	// Keep the previous run's file for post-mortems.
-	if (rename(h->path, old) == -1 && errno != ENOENT) {
-		const int e = errno;
-		std::free(h);
-		errno = e;
-		return nullptr;
-	}
-
+	// From here on every failure is one of the environment (a missing or
+	// read-only directory, a full file system): the handle is returned
+	// uninitialised, so the program runs on without a trace, and the
+	// system log says why, once.
 	std::uint64_t total = BL_HEADER_SIZE + BL_DESC_AREA_SIZE;
 	for (std::uint32_t i = 0; i < n; i++)
 		total += kib[i] * 1024;
-	h->fd = open(h->path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-	if (h->fd == -1 || ftruncate(h->fd, static_cast<off_t>(total)) == -1) {
+	const char *failed = create_file(h, file_name, total);
+	if (failed) {
 		const int e = errno;
-		if (h->fd != -1)
-			close(h->fd);
-		std::free(h);
+		note_untraced(h, file_name, failed, e);
 		errno = e;
-		return nullptr;
+		return h;
 	}
 	void *m = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_SHARED, h->fd, 0);
 	if (m == MAP_FAILED) {
 		const int e = errno;
+		note_untraced(h, file_name, "mmap", e);
 		close(h->fd);
-		std::free(h);
+		h->fd = -1;
 		errno = e;
-		return nullptr;
+		return h;
 	}
 	h->base = static_cast<unsigned char *>(m);
 	h->map_size = total;
+	watch_mapping(h);
 	clock_init(&h->clock);
 	write_header(h, kib, n);
 	return h;
 }
 
-bool bl_isInitialized(const bl_log *h) { return h && h->base; }
+bool bl_isInitialized(const bl_log *h) { return h && h->base && !h->lost; }
 
 void bl_close(bl_log *h)
 {
 	if (!h)
 		return;
+	unwatch_mapping(h);
 	if (h->base)
 		munmap(h->base, h->map_size);
 	if (h->fd != -1)

@@ -117,13 +117,22 @@ struct bl_log;
 // missing) when it is unset, and maps it. `sizes` lists the ring size of each
 // level in KiB, as decimal numbers separated by commas and blanks
 // ("64, 512, 1024"). The directory is made absolute here, so a later chdir
-// does not move the file. An existing file of that name is first renamed to
-// `file_name` + ".1", so the previous run stays readable.
-// Returns the handle, or nullptr (with errno set) when the directory, file or
-// mapping cannot be made or `sizes` does not parse.
+// does not move the file. The file gets mode 0640 and all its blocks at once;
+// it is created under a temporary name that no planted link can redirect and
+// renamed into place, after an existing file of that name has been renamed
+// to `file_name` + ".1", so the previous run stays readable.
+// Returns nullptr (errno EINVAL) when `file_name` or `sizes` does not parse.
+// When the environment denies the file (no directory, no permission, no room
+// for its blocks), returns a handle that is not initialised, so that the
+// program runs on untraced, and says why once in the system log. If the file
+// later loses its storage under the mapping (truncated, or an I/O error), a
+// SIGBUS handler installed here puts anonymous memory in its place, turns the
+// handle off and says so in the system log; any other SIGBUS keeps the
+// disposition it had.
 bl_log *bl_initialize_handle(const char *file_name, const char *sizes);
 
-// True when `h` is a handle that records may be written to. Safe on nullptr.
+// True when `h` is a handle that records may be written to: its file exists
+// and has kept its storage. Safe on nullptr.
 bool bl_isInitialized(const bl_log *h);
 
 // Unmaps and closes the handle. Programs that trace until they end never call

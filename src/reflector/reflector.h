@@ -326,6 +326,33 @@ inline session_node *node_of_hash(list_link *l) { return node_of(l, offsetof(ses
 inline session_node *node_of_free(list_link *l) { return node_of(l, offsetof(session_node, free_link)); }
 inline session_node *node_of_cache(list_link *l) { return node_of(l, offsetof(session_node, cache_list)); }
 
+// The namespace's own IPv4 addresses: no reply may go to one, since it
+// would come back to this host (a forged source naming it reaches services
+// that trust local senders). The table is sized for hosts with many
+// addresses, and an address beyond it is traced and not refused.
+constexpr std::size_t LOCAL_ADDR_MAX = 1024;  // entries, 12 KiB
+
+// One IPv4 address configured on one interface of the namespace.
+struct local_addr {
+	std::uint32_t addr;     // the address, network order
+	std::uint32_t ifindex;  // interface it is configured on
+	bool stale;             // not (yet) listed by the dump under way
+};
+
+// The namespace's IPv4 addresses (martian ones left out: they are refused
+// anyway), kept current by the address watch: a dump at start-up, the
+// kernel's notifications, and a new dump whenever notifications were lost.
+// An address on two interfaces has two entries and stays until both go.
+struct local_addr_table {
+	local_addr entries[LOCAL_ADDR_MAX];  // ordered by addr (as an integer), then ifindex
+	std::uint32_t count;                 // entries in use
+	std::uint32_t port;                  // the watch socket's netlink port id
+	std::uint32_t seq;                   // sequence number of the last dump requested
+	bool dumping;                        // the dump `seq` has not ended yet
+	bool marked;                         // a part of it arrived: unlisted entries are stale
+	bool again;                          // it may miss changes: dump again at its end
+};
+
 // The one context record of the daemon.
 struct reflector_vrf {
 	const char *name;                         // namespace of every socket: DEFAULT_NS
@@ -333,6 +360,7 @@ struct reflector_vrf {
 	struct event *event;                      // read event of infd -> rx_data_ready
 	struct event *eventMpls;                  // read event of mplsfd -> rx_data_ready
 	struct event *eventNetlink;               // read event of nlfd -> rx_netlink_ready
+	struct event *event_addr;                 // read event of addrfd -> rx_addr_ready
 	list_link hash_tbl[SESSION_HASH_BUCKETS];  // session chains by get_session_hash
 	std::uint32_t session_count;              // nodes on all chains
 	list_link sess_cache;                     // in-use nodes, most recently looked up first
@@ -344,6 +372,8 @@ struct reflector_vrf {
 	int mplsfd;                               // packet socket, MPLS frames; 0: not opened
 	int outfd;                                // UDP socket of the replies; 0: not opened
 	int nlfd;                                 // netlink control socket; 0: not opened
+	int addrfd;                               // address watch (NETLINK_ROUTE); 0: none
+	local_addr_table local_addrs;             // own addresses; empty while addrfd is 0
 };
 
 // BFD control packet, mandatory part (RFC 5880 section 4.1), as on the wire:
@@ -412,6 +442,12 @@ static_assert(offsetof(reflector_nl_config, min_rx) == 4);
 static_assert(offsetof(reflector_nl_config, src_ip) == 8);
 static_assert(offsetof(reflector_nl_config, adminDown) == 12);
 
+// Writes one record to the system log as the daemon ("SBFD_REFLECTOR", with
+// the pid, facility user), opening and closing the log around it. Only for
+// the start-up record and for faults of the environment that leave the
+// daemon without its store or its trace, which the operator must hear of.
+void reflector_syslog(int priority, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
 // ---- reflectorInit.cpp: context, store and sockets ----
 
 // Builds the context: event base, empty buckets, the shared store (cleared
@@ -434,9 +470,11 @@ extern const sock_filter sbfd_mpls_filter[30];
 int reflector_init(reflector_vrf *vrf);
 
 // Transmit socket, then IPv4 and MPLS packet sockets with their filters, then
-// the netlink socket bound to getpid(), each with a persistent read event on
-// vrf->base. Returns INIT_OK, INIT_ERR_NO_VRF for a null vrf, INIT_ERR_SOCKET
-// otherwise (leaving what it opened in vrf).
+// the address watch, then the netlink socket bound to getpid(), each with a
+// persistent read event on vrf->base. Without an address watch (it could not
+// be set up: traced) the reflector still answers, refusing only martian
+// destinations and sourceIp. Returns INIT_OK, INIT_ERR_NO_VRF for a null
+// vrf, INIT_ERR_SOCKET otherwise (leaving what it opened in vrf).
 int init_socket(reflector_vrf *vrf);
 
 // (Re)creates vrf->outfd: UDP, TOS 0xC0, TTL 255, bound to
@@ -511,3 +549,25 @@ int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n);
 
 // Read callback of the netlink socket: one datagram per call.
 void rx_netlink_ready(int fd, short what, void *arg);
+
+// ---- reflectorRx.cpp: the reply's destination and the own addresses ----
+
+// True when no reply may go to `addr` (network order): a martian address
+// (ipv4_martian), reflector_cfg.sourceIp, or one in vrf->local_addrs.
+// REQUIRES: vrf non-null.
+bool reply_dst_refused(const reflector_vrf *vrf, std::uint32_t addr);
+
+// Asks the kernel on vrf->addrfd for a dump of the namespace's IPv4
+// addresses, which then replaces vrf->local_addrs; while a dump is under way,
+// asks for another once it ends. Returns 0, or -1 when the request could not
+// be sent (traced; the table stays as it was).
+int local_addr_resync(reflector_vrf *vrf);
+
+// Reads one datagram of the address watch from `fd` and applies it to
+// vrf->local_addrs; after lost notifications (ENOBUFS) dumps again. Returns
+// the bytes read, or -1 when nothing was read (traced, errno kept).
+// REQUIRES: vrf non-null.
+long local_addr_read(reflector_vrf *vrf, int fd);
+
+// Read callback of the address watch: one datagram per call.
+void rx_addr_ready(int fd, short what, void *arg);

@@ -16,11 +16,13 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <event2/event.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,6 +37,7 @@ bl_log *bl_handle;
 
 namespace {
 
+constexpr const char *SYSLOG_IDENT = "SBFD_REFLECTOR";
 constexpr int SHM_MODE = 0644;  // owner read/write, others may map it for reading
 constexpr int OUT_TOS = 0xC0;   // IP precedence 6 (DSCP CS6), as for routing control traffic
 constexpr int OUT_TTL = 255;    // the maximum, so single-hop peers can check it (RFC 5881 section 5)
@@ -122,6 +125,16 @@ const char *bfd_state_name(std::uint8_t state)
 	return "unknown";
 }
 
+void reflector_syslog(int priority, const char *fmt, ...)
+{
+	va_list ap;
+	va_start(ap, fmt);
+	openlog(SYSLOG_IDENT, LOG_PID | LOG_CONS, LOG_USER);
+	vsyslog(priority, fmt, ap);
+	closelog();
+	va_end(ap);
+}
+
 void shm_store_name(char name[SHM_NAME_LEN], const char *nspath)
 {
 	constexpr std::size_t PREFIX_LEN = sizeof SHM_NAME_PREFIX - 1;  // 14
@@ -137,6 +150,36 @@ void shm_store_name(char name[SHM_NAME_LEN], const char *nspath)
 
 namespace {
 
+// True when the store object open on `fd` may be taken: a regular file
+// owned by our effective user. Anyone may create the predictable name
+// first; whoever owns the object could forge every counter the operator
+// reads and end the daemon by truncating it. Our own object that others may
+// write (made under a umask of 0, say) is kept, its mode tightened.
+bool shm_store_ours(int fd, const char *name)
+{
+	struct stat st;
+	if (fstat(fd, &st) == -1) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: fstat: %s", name,
+				 std::strerror(errno));
+		return false;
+	}
+	if (!S_ISREG(st.st_mode)) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: not a regular file", name);
+		return false;
+	}
+	if (st.st_uid != geteuid()) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: owned by uid %u, not by uid %u", name,
+				 static_cast<unsigned>(st.st_uid), static_cast<unsigned>(geteuid()));
+		return false;
+	}
+	if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && fchmod(fd, SHM_MODE) == -1) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: others may write it and fchmod: %s",
+				 name, std::strerror(errno));
+		return false;
+	}
+	return true;
+}
+
 // Maps the shared session store named after NSPATH into vrf->shm, cleared
 // unless reflector_cfg.persist. Returns 0, or -1 after tracing the step.
 int shm_store_setup(reflector_vrf *vrf)
@@ -145,12 +188,21 @@ int shm_store_setup(reflector_vrf *vrf)
 	shm_store_name(name, std::getenv("NSPATH"));
 
 	int fd = shm_open(name, O_RDWR | O_CREAT, SHM_MODE);
-	if (fd < 0) {
+	if (fd < 0 || !shm_store_ours(fd, name)) {
 		TRACE(TRACE_ERROR, "ERROR: reflector shared memory init failed");
+		if (fd >= 0)
+			close(fd);
 		return -1;
 	}
-	// Also cuts or zero-extends an object left at another size.
-	if (ftruncate(fd, static_cast<off_t>(SHM_SIZE)) < 0) {
+	// Also cuts or zero-extends an object left at another size. The pages
+	// are then reserved, so that a full /dev/shm fails here rather than
+	// with SIGBUS at the first store into the mapping.
+	int reserved = 0;
+	if (ftruncate(fd, static_cast<off_t>(SHM_SIZE)) < 0 ||
+	    (reserved = posix_fallocate(fd, 0, static_cast<off_t>(SHM_SIZE))) != 0) {
+		if (reserved != 0)
+			reflector_syslog(LOG_ERR, "Cannot reserve %zu bytes for the shared store /dev/shm/%s: %s",
+					 SHM_SIZE, name, std::strerror(reserved));
 		TRACE(TRACE_ERROR, "ERROR: reflector shared memory ftruncate() failed");
 		close(fd);
 		return -1;

@@ -24,7 +24,6 @@
 namespace {
 
 constexpr const char *PID_FILE = "/var/run/orvalindwarden.pid";
-constexpr const char *SYSLOG_IDENT = "SBFD_REFLECTOR";
 constexpr const char *SHORT_OPTIONS = "hd:p:r:DAS";
 
 // The long name "persist stats" has a blank: users reach it by a prefix
@@ -157,10 +156,8 @@ void install_signal_handler()
 
 void log_start()
 {
-	openlog(SYSLOG_IDENT, LOG_PID | LOG_CONS, LOG_USER);
-	syslog(LOG_INFO, "Start SBFD Reflector with Discriminator: %u, sourceIp: %s, minRx: %u ",
-	       ntohl(reflector_cfg.discriminator), source_ip_text(), reflector_cfg.minRx);
-	closelog();
+	reflector_syslog(LOG_INFO, "Start SBFD Reflector with Discriminator: %u, sourceIp: %s, minRx: %u ",
+			 ntohl(reflector_cfg.discriminator), source_ip_text(), reflector_cfg.minRx);
 }
 
 // Start-up steps up to the event loop. Returns the context, or nullptr when

@@ -15,6 +15,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -611,6 +613,35 @@ void maybe_dump_stats(reflector_vrf *vrf)
 	}
 }
 
+namespace {
+
+// Room for ctime's text of any year an int holds: "Thu Jan  1 00:00:00 "
+// (20), up to 11 digits of year, the newline and the terminator.
+constexpr std::size_t CTIME_TEXT_LEN = 20 + 11 + 1 + 1;
+
+// The text ctime gives for `sec` (local time, "Thu Jan  1 00:00:00 1970\n"),
+// into `buf`; nullptr where ctime gives it (a time localtime cannot break
+// down). The stored seconds come from a store that may have been written by
+// anyone: ctime_r would fail for years from 10000 on, whose text needs more
+// than its 26 bytes, so the text is built here in ctime's exact form.
+const char *ctime_text(std::int64_t sec, char (&buf)[CTIME_TEXT_LEN])
+{
+	static constexpr char DAYS[7][4] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+	static constexpr char MONTHS[12][4] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+					       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+	const time_t t = static_cast<time_t>(sec);
+	tm parts;
+	if (localtime_r(&t, &parts) == nullptr || parts.tm_year > INT_MAX - 1900 || parts.tm_wday < 0 ||
+	    parts.tm_wday > 6 || parts.tm_mon < 0 || parts.tm_mon > 11)
+		return nullptr;
+	std::snprintf(buf, sizeof buf, "%.3s %.3s%3d %.2d:%.2d:%.2d %d\n", DAYS[parts.tm_wday],
+		      MONTHS[parts.tm_mon], parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec,
+		      parts.tm_year + 1900);
+	return buf;
+}
+
+}  // namespace
+
 void dump_session(session_node *node)
 {
 	if (!bl_isInitialized(bl_handle))
@@ -621,16 +652,12 @@ void dump_session(session_node *node)
 	// A record's arguments are all evaluated before the first is put, so
 	// the two ctime texts of one record need buffers of their own (ctime's
 	// static buffer would show the same time twice).
-	constexpr std::size_t CTIME_LEN = 26;  // "Thu Jan  1 00:00:00 1970\n" and NUL
-	char rx_text[CTIME_LEN], rx_change_text[CTIME_LEN], tx_text[CTIME_LEN], tx_change_text[CTIME_LEN];
-	const time_t rx = static_cast<time_t>(s->last_rx.tv_sec);
-	const time_t rx_change = static_cast<time_t>(s->last_state_change.tv_sec);
-	const time_t tx = static_cast<time_t>(s->last_tx.tv_sec);
-	const time_t tx_change = static_cast<time_t>(s->last_tx_state_change.tv_sec);
-	const char *rx_time = ctime_r(&rx, rx_text);  // null for a year ctime cannot show
-	const char *rx_change_time = ctime_r(&rx_change, rx_change_text);
-	const char *tx_time = ctime_r(&tx, tx_text);
-	const char *tx_change_time = ctime_r(&tx_change, tx_change_text);
+	char rx_text[CTIME_TEXT_LEN], rx_change_text[CTIME_TEXT_LEN], tx_text[CTIME_TEXT_LEN],
+		tx_change_text[CTIME_TEXT_LEN];
+	const char *rx_time = ctime_text(s->last_rx.tv_sec, rx_text);
+	const char *rx_change_time = ctime_text(s->last_state_change.tv_sec, rx_change_text);
+	const char *tx_time = ctime_text(s->last_tx.tv_sec, tx_text);
+	const char *tx_change_time = ctime_text(s->last_tx_state_change.tv_sec, tx_change_text);
 	TRACE(TRACE_STATS,
 	      "SESSION STATS-RX: discriminator %d, source_ip %s, min_period %u, max_period %u, "
 	      "avg_period %u, num_received %lu, last_rx %s (%lu.%09lu), last_state_change %s "
