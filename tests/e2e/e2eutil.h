@@ -60,6 +60,8 @@ protected:
 	bool spawn(const std::vector<std::string> &args)
 	{
 		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d, bin("orvalindwarden")};
+		if (!private_fs.empty())  // the same pid: unshare, sh and ip exec in turn
+			argv.insert(argv.begin(), {"unshare", "-m", "sh", "-ec", private_fs + "\nexec \"$@\"", "sh"});
 		argv.insert(argv.end(), args.begin(), args.end());
 		daemon.reset();
 		daemon.emplace(argv, std::vector<std::string>{"BREVLOG_DIR=" + logs.path(), "NSPATH=" + nspath()});
@@ -149,6 +151,9 @@ protected:
 	}};
 	testutil::temp_dir logs{"orvlogs"};
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go
+	// Shell commands run in a mount namespace of the daemon's own before it
+	// starts (empty: none), to give it file systems of a chosen size or owner.
+	std::string private_fs;
 	unique_fd udp, raw;
 	static constexpr std::uint16_t port = 40000;  // the initiator's UDP port; the namespace is ours alone
 };

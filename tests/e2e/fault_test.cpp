@@ -2,10 +2,21 @@
 // and a restart with -S, then a flood of malformed frames, netlink garbage, a
 // control message every millisecond and thousands of SIGRTMIN+9. None may
 // make a reply wrong or missing, lose a counter or a session, or move one back.
+// Then faults of its environment, each in a mount namespace of the daemon's
+// own: a trace file system that is full or fills, a trace file truncated
+// under load, a full /dev/shm, a store object of another user, and a local
+// user racing links into a shared trace directory.
+#include <grp.h>
 #include <linux/netlink.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <fstream>
 #include <random>
 
 #include "e2e/e2eutil.h"
@@ -15,6 +26,7 @@ namespace {
 
 constexpr std::uint32_t DISC = 7, MIN_RX = 3300, SESSIONS = 64;
 using e2e::ms;
+using testutil::bin;
 
 struct load_result {
 	std::uint64_t sent = 0;      // requests the kernel took
@@ -57,6 +69,52 @@ protected:
 			}
 		}
 	}
+
+protected:
+	// The daemon's own view of the file system: a small /dev of its own
+	// with /dev/null, a /dev/shm tmpfs of `shm_size` and /dev/log a link to
+	// the test's system-log socket; the trace directory a tmpfs of
+	// `trace_size` unless empty. `extra` runs last.
+	void isolate(const std::string &trace_size, const std::string &shm_size, const std::string &extra = "")
+	{
+		private_fs = "mount --make-rprivate /\n";
+		if (!trace_size.empty())
+			private_fs += "mount -t tmpfs -o size=" + trace_size + " orvtrace " + logs.path() + "\n";
+		private_fs += "mount -t tmpfs -o size=1m orvdev /dev\nmknod -m 666 /dev/null c 1 3\n"
+			      "mkdir /dev/shm\nmount -t tmpfs -o size=" + shm_size + " orvshm /dev/shm\n"
+			      "ln -s " + syslog.file("log") + " /dev/log\n" + extra;
+	}
+	// A path as the running daemon sees it.
+	std::string seen(const std::string &path) const { return "/proc/" + std::to_string(daemon->pid()) + "/root" + path; }
+	// The system-log records received since the last call.
+	std::string syslog_text()
+	{
+		std::string text;
+		for (char b[2048]; ;) {
+			const ssize_t n = recv(log_sock.get(), b, sizeof b, MSG_DONTWAIT);
+			if (n <= 0)
+				return text;
+			text.append(b, static_cast<std::size_t>(n)).append("\n");
+		}
+	}
+	// The store in the daemon's own /dev/shm.
+	reflector_shm private_store() const
+	{
+		reflector_shm s{};
+		std::ifstream(seen("/dev/shm/" + shm_name())).read(reinterpret_cast<char *>(&s), sizeof s);
+		return s;
+	}
+	std::vector<std::string> args = {"-d", std::to_string(DISC), "-p", e2e::DAEMON_IP, "-r", std::to_string(MIN_RX)};
+
+private:
+	testutil::temp_dir syslog{"orvsyslog"};
+	unique_fd log_sock = [this] {
+		unique_fd fd{socket(AF_UNIX, SOCK_DGRAM, 0)};
+		sockaddr_un a{AF_UNIX, {}};
+		std::snprintf(a.sun_path, sizeof a.sun_path, "%s", syslog.file("log").c_str());
+		EXPECT_EQ(bind(fd.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a), 0);
+		return fd;
+	}();
 };
 
 TEST_F(FaultInNamespace, KillNineThenPersistRestartUnderHarmLosesNothingAndAnswersEveryRequestRightly)
@@ -143,6 +201,124 @@ TEST_F(FaultInNamespace, KillNineThenPersistRestartUnderHarmLosesNothingAndAnswe
 	EXPECT_NE(old.find("INIT: orvalindwarden ready"), std::string::npos);
 	EXPECT_NE(old.find("TX: Send 24 bytes back to initiator"), std::string::npos);
 	EXPECT_NE(trace().find("Got SIG43 but ignore"), std::string::npos);
+}
+
+TEST_F(FaultInNamespace, TraceStorageFullAtStartFillingOrTruncatedUnderLoadNeverStopsTheReplies)
+{
+	auto every_request_answered = [&](std::function<void()> harm) {
+		const auto r = load(3000, ms(1500), [&](std::uint64_t i) {
+			if (i == 200)
+				harm();
+			std::this_thread::sleep_for(std::chrono::microseconds(200));
+		});
+		EXPECT_EQ(std::tuple(r.answered, r.wrong), std::tuple(r.sent, 0u));
+		EXPECT_TRUE(daemon->running());
+	};
+	// The file's blocks are its own from the start: a file system that fills
+	// up afterwards takes none of them, and tracing goes on.
+	isolate("6m", "1m");
+	start(DISC, MIN_RX);
+	const std::string file = seen(logs.file("orvalindwarden.bl"));
+	struct stat st {};
+	ASSERT_EQ(stat(file.c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 07777, 0640u);
+	EXPECT_GE(st.st_blocks * 512, st.st_size) << "blocks reserved";
+	every_request_answered([&] { testutil::run("dd if=/dev/zero of=" + seen(logs.file("fill")) + " bs=64k 2>/dev/null"); });
+	struct statvfs fs {};
+	ASSERT_EQ(statvfs(seen(logs.path()).c_str(), &fs), 0);
+	EXPECT_EQ(fs.f_bavail, 0u) << "the trace's file system filled up";
+	const std::string traced = testutil::output_of(bin("blcat") + " -l 4 " + file);
+	EXPECT_GT(std::count(traced.begin(), traced.end(), '\n'), 3000) << "replies traced all along";
+
+	// Truncated under load (copytruncate): the trace is lost, not the daemon.
+	every_request_answered([&] { EXPECT_EQ(truncate(file.c_str(), 0), 0); });
+	EXPECT_NE(syslog_text().find("orvalindwarden[" + std::to_string(daemon->pid()) + "]: trace file " +
+				     logs.file("orvalindwarden.bl") + " lost its storage"), std::string::npos);
+	const reflector_shm s = private_store();
+	EXPECT_EQ(s.rx_valid_pkts, s.tx_sends);
+
+	// No room for the file at all: the daemon answers untraced and says so.
+	isolate("1m", "1m");
+	start(DISC, MIN_RX);
+	EXPECT_TRUE(ask({.my_disc = 9, .your_disc = DISC}));
+	EXPECT_NE(syslog_text().find(logs.file("orvalindwarden.bl") +
+				     ": posix_fallocate: No space left on device; running without a trace"), std::string::npos);
+	EXPECT_NE(stat(file.c_str(), &st), 0) << "nothing left behind";
+}
+
+TEST_F(FaultInNamespace, StoreWithoutRoomOrOfAnotherUserIsRefusedAndOursWritableByOthersIsTightened)
+{
+	const std::string object = "/dev/shm/" + shm_name();
+	const struct {
+		std::string shm_size, setup, trace_line, syslog_line;
+	} refused[] = {
+		{"64k", "", "ERROR: reflector shared memory ftruncate() failed",
+		 "Cannot reserve 69720 bytes for the shared store " + object + ": No space left on device"},
+		{"1m", "touch " + object + "; chown 4242:4242 " + object + "; chmod 666 " + object,
+		 "ERROR: reflector shared memory init failed",
+		 "Refusing the shared store " + object + ": owned by uid 4242, not by uid 0"},
+	};
+	for (const auto &[shm_size, setup, trace_line, syslog_line] : refused) {
+		SCOPED_TRACE(trace_line);
+		isolate("", shm_size, setup);
+		EXPECT_FALSE(spawn(args));
+		EXPECT_EQ(daemon->exit_status(), 255);
+		const std::string t = trace();
+		EXPECT_LT(t.find(trace_line), t.find("ERROR: VRF init failed"));
+		EXPECT_NE(t.find("ERROR: VRF init failed"), std::string::npos);
+		EXPECT_NE(syslog_text().find("SBFD_REFLECTOR[" + std::to_string(daemon->pid()) + "]: " + syslog_line),
+			  std::string::npos);
+	}
+	isolate("", "1m", "printf kept > " + object + "; chmod 666 " + object);
+	args.push_back("-S");
+	ASSERT_TRUE(spawn(args));
+	struct stat st {};
+	ASSERT_EQ(stat(seen(object).c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 07777, 0644u);
+	const reflector_shm kept = private_store();
+	EXPECT_EQ(std::memcmp(&kept, "kept", 4), 0);
+}
+
+// A local user who may write the trace directory swaps links to a file of
+// root's in and out of the trace file's name while the daemon starts again
+// and again: the file is never written. Runs in a child with mount and
+// network namespaces of its own; the daemon ends at start (no address).
+TEST(TraceFileCreation, ALinkRacedIntoASharedDirectoryNeverGetsItsTargetWritten)
+{
+	if (geteuid() != 0)
+		GTEST_SKIP() << "needs root (mount namespaces, another user)";
+	testutil::temp_dir top{"orvrace"};
+	const std::string dir = top.file("shared"), target = top.file("target"), link_tmp = dir + "/.racer";
+	const pid_t child = fork();
+	if (child == 0) {
+		if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 || mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+		    mount("orvrace", top.path().c_str(), "tmpfs", 0, "size=64m") != 0 ||
+		    mount("orvshm", "/dev/shm", "tmpfs", 0, "size=1m") != 0 || mount("orvrun", "/run", "tmpfs", 0, "size=1m") != 0 ||
+		    mkdir(dir.c_str(), 0777) != 0 || chmod(dir.c_str(), 0777) != 0 ||
+		    testutil::run("ip link set lo up") != 0)  // a namespace without routes would let any address bind
+			_exit(2);
+		std::ofstream(target) << "precious";
+		const pid_t racer = fork();
+		if (racer == 0) {
+			if (setgroups(0, nullptr) != 0 || setresgid(4242, 4242, 4242) != 0 || setresuid(4242, 4242, 4242) != 0)
+				_exit(2);
+			for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60); std::chrono::steady_clock::now() < end;)
+				for (const char *name : {"/orvalindwarden.bl", "/orvalindwarden.bl.1"})
+					if (symlink(target.c_str(), link_tmp.c_str()) == 0)
+						rename(link_tmp.c_str(), (dir + name).c_str());
+			_exit(0);
+		}
+		for (int i = 0; i < 40; i++)
+			testutil::child_process(std::vector<std::string>{bin("orvalindwarden"), "-d", "1", "-p", e2e::DAEMON_IP, "-r", "1"},
+						std::vector<std::string>{"BREVLOG_DIR=" + dir, "NSPATH=/orvrace"})
+				.exit_status();
+		kill(racer, SIGKILL), waitpid(racer, nullptr, 0);
+		_exit(testutil::read_file(target) == "precious" ? 0 : 1);
+	}
+	int status = 0;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_TRUE(WIFEXITED(status)) << status;
+	EXPECT_EQ(WEXITSTATUS(status), 0) << "1: the target was written, 2: set-up failed";
 }
 
 }  // namespace
