@@ -1,6 +1,11 @@
 // brevlog_test.cpp -- the trace library, its reader and blcat: cut texts,
 // ring wrap, record times, records of signal handlers, printf rendering,
 // corrupt files, and blcat's output, filter, merge and exit statuses.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -105,6 +110,27 @@ TEST(BrevlogWriter, LongTextIsCutToTheRecordAndAFullRingKeepsOnlyTheNewestRecord
 		const std::size_t i = N - recs.size() + k;
 		EXPECT_EQ(recs[k].text, "n=" + std::to_string(i) + (i % 2 ? " odd" : " an even number"));  // none skipped
 	}
+}
+
+// A trace file cut under the writer (copytruncate) turns the handle off at
+// the first store into a lost page; SIGBUS of any other origin still ends
+// the process (under a sanitizer, through the sanitizer's own report).
+TEST(BrevlogWriterDeathTest, TruncatedFileTurnsTracingOffAndOtherSigbusStillEnds)
+{
+	testutil::temp_dir dir;
+	global_handle g(dir.path(), "8, 1");
+	ASSERT_TRUE(bl_isInitialized(bl_handle));
+	ASSERT_EQ(truncate(dir.file("test.bl").c_str(), 0), 0);
+	TRACE(1, "into a page the file no longer has: %u", 1u);
+	EXPECT_FALSE(bl_isInitialized(bl_handle));
+	auto ends_abnormally = [](int status) { return !WIFEXITED(status) || WEXITSTATUS(status) != 0; };
+	EXPECT_EXIT((raise(SIGBUS), std::_Exit(0)), ends_abnormally, "");
+	auto store_beyond_an_empty_file = [&] {
+		const int fd = open(dir.file("other").c_str(), O_RDWR | O_CREAT, 0600);
+		*static_cast<volatile char *>(mmap(nullptr, 4096, PROT_WRITE, MAP_SHARED, fd, 0)) = 1;
+		std::_Exit(0);
+	};
+	EXPECT_EXIT(store_beyond_an_empty_file(), ends_abnormally, "");
 }
 
 // Times interpolated between clock anchors read as the clock did, also
