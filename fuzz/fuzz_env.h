@@ -46,14 +46,25 @@ inline void require(bool ok, const char *what)
 inline reflector_vrf *setup()
 {
 	require(unshare(CLONE_NEWNET) == 0, "fuzz: unshare(CLONE_NEWNET) (needs root)");
-	// The loopback up: replies to 127.0.0.0/8 are then really sent, all
-	// others fail with ENETUNREACH (the retry path).
+	// The loopback up, with 192.0.2.1/24 on it: replies to 192.0.2.0/24
+	// are then really sent (the context has no address watch, so none of
+	// them is refused as our own), replies to martian addresses are refused
+	// by the reply path, all others fail with ENETUNREACH (the retry path).
 	const int s = socket(AF_INET, SOCK_DGRAM, 0);
 	ifreq ifr{};
 	std::strncpy(ifr.ifr_name, "lo", IFNAMSIZ - 1);
 	require(s >= 0 && ioctl(s, SIOCGIFFLAGS, &ifr) == 0, "fuzz: loopback flags");
 	ifr.ifr_flags = static_cast<short>(ifr.ifr_flags | IFF_UP);
-	require(ioctl(s, SIOCSIFFLAGS, &ifr) == 0 && close(s) == 0, "fuzz: loopback up");
+	require(ioctl(s, SIOCSIFFLAGS, &ifr) == 0, "fuzz: loopback up");
+	std::strncpy(ifr.ifr_name, "lo:1", IFNAMSIZ - 1);
+	sockaddr_in a{};
+	a.sin_family = AF_INET;
+	a.sin_addr.s_addr = inet_addr("192.0.2.1");
+	std::memcpy(&ifr.ifr_addr, &a, sizeof a);
+	require(ioctl(s, SIOCSIFADDR, &ifr) == 0, "fuzz: loopback address");
+	a.sin_addr.s_addr = inet_addr("255.255.255.0");
+	std::memcpy(&ifr.ifr_netmask, &a, sizeof a);
+	require(ioctl(s, SIOCSIFNETMASK, &ifr) == 0 && close(s) == 0, "fuzz: loopback netmask");
 	// Any address may be bound: a control message can name any source.
 	FILE *f = std::fopen("/proc/sys/net/ipv4/ip_nonlocal_bind", "w");
 	require(f != nullptr && std::fputs("1", f) >= 0 && std::fclose(f) == 0, "fuzz: ip_nonlocal_bind");

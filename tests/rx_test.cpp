@@ -1,7 +1,9 @@
 // rx_test.cpp -- frame reception and the reply, send failures, the report's
-// thinning and the control channel's walk of a netlink datagram.
+// thinning, the control channel's walk of a netlink datagram and the table
+// of the host's own addresses.
 #include <gmock/gmock.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 
 #include <thread>
 #include <tuple>
@@ -40,11 +42,11 @@ const struct {
 	 nullptr, nullptr},
 	{"IHL 15 under label 0", [](frame_parts &f) { f.s.labels = {0}, f.s.ip_options.assign(40, 1); }, nullptr, nullptr},
 	{"23-byte control packet", [](frame_parts &f) { f.keep = 65; }, &S::pkt_truncated,
-	 "ERROR: Pkt truncated. Recvd len 23, source_ip 127.0.0.1"},
+	 "ERROR: Pkt truncated. Recvd len 23, source_ip 192.0.2.2"},
 	{"frame ending inside the IPv4 options", [](frame_parts &f) { f.s.ip_options.assign(40, 1), f.keep = 40; },
 	 &S::pkt_truncated, "ERROR: Pkt truncated. Recvd len -42"},
 	{"version 0 with D clear", [](frame_parts &f) { f.r.version = f.r.flags = 0; }, &S::bad_version,
-	 "ERROR: Bad version 0. Recvd my_disc 287454020, source_ip 127.0.0.1"},
+	 "ERROR: Bad version 0. Recvd my_disc 287454020, source_ip 192.0.2.2"},
 	{"Length 25 with 24 bytes", [](frame_parts &f) { f.r.length = 25; }, &S::invalid_pkt_len,
 	 "ERROR: Invalid bfd ctrl pkt length 25. Rcvd len 24"},
 	{"source port 7784", [](frame_parts &f) { f.s.src_port = SBFD_PORT; }, &S::invalid_src_port, "ERROR: Invalid source port "},
@@ -281,4 +283,67 @@ TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
 		EXPECT_EQ(h.vrf->outfd, outfd) << "no new address to bind: the same transmit socket stays";
 		EXPECT_EQ(tr.take(TRACE_ERROR), std::vector<std::string>(c.unknown, "ERROR-Netlink: Unknown message type 17, data 5"));
 	}
+}
+
+namespace {
+
+// A message of `type` (RTM_NEWADDR, RTM_DELADDR; NLMSG_DONE ignores the
+// rest) for `addr` on interface `ifindex`, from netlink port `pid` with
+// sequence number `seq`; a point-to-point peer's address comes first.
+bytes addr_msg(std::uint16_t type, const char *addr, std::uint32_t ifindex, std::uint32_t seq = 0, std::uint32_t pid = 4242)
+{
+	const nlmsghdr h{40, type, 0, seq, pid};
+	const ifaddrmsg m{AF_INET, 32, 0, 0, ifindex};
+	const rtattr peer{8, IFA_ADDRESS}, local{8, IFA_LOCAL};
+	const std::uint32_t peer_ip = ip("203.0.113.1"), local_ip = ip(addr);
+	bytes b(40);
+	std::memcpy(&b[0], &h, 16), std::memcpy(&b[16], &m, 8), std::memcpy(&b[24], &peer, 4), std::memcpy(&b[28], &peer_ip, 4);
+	std::memcpy(&b[32], &local, 4), std::memcpy(&b[36], &local_ip, 4);
+	return b;
+}
+
+}  // namespace
+
+// An address stays refused until its last interface drops it; a dump drops
+// what it does not list, but not what notices after its first part brought;
+// an address beyond the table is traced, the others stay.
+TEST(OwnAddresses, FollowNoticesPerInterfaceAndDumpsWithinTheTable)
+{
+	auto &tr = trace_reader::get();
+	harness h;
+	reflector_vrf *vrf = h.vrf.get();
+	vrf->addrfd = h.pair[0];  // a dump request goes to the socket pair's far end
+	auto refused = [&](const char *a) { return reply_dst_refused(vrf, ip(a)); };
+	auto feed = [&](const bytes &b) { h.feed(b, rx_addr_ready); };
+	reflector_cfg.sourceIp = ip("192.0.2.77");
+	EXPECT_TRUE(refused("192.0.2.77")) << "the source address, with or without a watch";
+
+	feed(addr_msg(RTM_NEWADDR, "198.51.100.7", 2) + addr_msg(RTM_NEWADDR, "198.51.100.7", 3));
+	feed(addr_msg(RTM_DELADDR, "198.51.100.7", 2));
+	EXPECT_EQ(std::tuple(refused("198.51.100.7"), refused("203.0.113.1")), std::tuple(true, false));
+	feed(addr_msg(RTM_DELADDR, "198.51.100.7", 3));
+	EXPECT_FALSE(refused("198.51.100.7"));
+
+	feed(addr_msg(RTM_NEWADDR, "192.0.2.10", 2));
+	ASSERT_EQ(local_addr_resync(vrf), 0);
+	const std::uint32_t seq = vrf->local_addrs.seq, port = vrf->local_addrs.port;
+	feed(addr_msg(RTM_NEWADDR, "192.0.2.9", 2));  // queued before the dump began
+	feed(addr_msg(RTM_NEWADDR, "192.0.2.10", 2, seq, port) + addr_msg(RTM_NEWADDR, "192.0.2.11", 4, seq, port));
+	feed(addr_msg(RTM_NEWADDR, "192.0.2.12", 2));
+	feed(addr_msg(NLMSG_DONE, "0.0.0.0", 0, seq, port));
+	EXPECT_EQ(std::vector({refused("192.0.2.9"), refused("192.0.2.10"), refused("192.0.2.11"), refused("192.0.2.12"),
+			       vrf->local_addrs.dumping}),
+		  std::vector({false, true, true, true, false}));
+
+	bytes all;
+	for (std::uint32_t k = vrf->local_addrs.count; k < LOCAL_ADDR_MAX; k++) {
+		const bytes m = addr_msg(RTM_NEWADDR, "198.51.100.7", 100 + k);
+		all.insert(all.end(), m.begin(), m.end());
+	}
+	tr.take();
+	feed(all + addr_msg(RTM_NEWADDR, "192.0.2.20", 1));
+	EXPECT_EQ(std::tuple(vrf->local_addrs.count, refused("192.0.2.20"), refused("198.51.100.7"), refused("192.0.2.12")),
+		  std::tuple(LOCAL_ADDR_MAX, false, true, true));
+	EXPECT_EQ(tr.take(TRACE_ERROR),
+		  std::vector<std::string>{"ERROR: address table full (1024 entries), replies to 192.0.2.20 are not refused"});
 }

@@ -37,6 +37,12 @@ struct seam_state {
 };
 inline seam_state seam;
 
+// Replies sent on this descriptor go to 127.0.0.1, port kept: the harness's
+// requests come from INITIATOR_IP, which the reply path takes, and their
+// replies must reach its loopback receiver.
+inline int to_loopback_fd = -1;
+constexpr std::uint32_t INITIATOR_IP = 0xc0000202;  // 192.0.2.2, host order
+
 constexpr std::uint32_t OUR_DISC = 0x0A0B0C0D;  // the reflector's discriminator, host order
 constexpr std::uint32_t OUR_MIN_RX = 50000;     // us
 
@@ -67,7 +73,7 @@ struct request {
 
 // A context over a store of its own (shared, so that a death test's child's
 // writes show here), the receive socket pair, a transmit socket and the
-// loopback receiver frame_shape() sends from. setup_table() is apart so that
+// loopback receiver that replies to frame_shape()'s requests reach. setup_table() is apart so that
 // a test may fill the store first.
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
@@ -88,9 +94,11 @@ struct harness {
 		socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair);
 		vrf->outfd = udp_bound(nullptr);
 		receiver = udp_bound(&receiver_port);
+		to_loopback_fd = vrf->outfd;
 	}
 	~harness()
 	{
+		to_loopback_fd = -1;
 		std::free(vrf->rx_sess);
 		for (int fd : {pair[0], pair[1], vrf->outfd, receiver})
 			if (fd > 0)
@@ -99,7 +107,7 @@ struct harness {
 	}
 
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
-	frame_spec frame_shape() const { return {.src_ip = INADDR_LOOPBACK, .src_port = receiver_port}; }
+	frame_spec frame_shape() const { return {.src_ip = INITIATOR_IP, .src_port = receiver_port}; }
 	bytes frame(const request &r) const { return probe_frame_build(frame_shape(), r.encode()); }
 
 	// Hands one datagram to a receive callback through the socket pair.

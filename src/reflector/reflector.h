@@ -481,6 +481,13 @@ int init_socket(reflector_vrf *vrf);
 // reflector_cfg.sourceIp port 7784. Returns INIT_OK or INIT_ERR_SOCKET.
 int init_out_socket(reflector_vrf *vrf);
 
+// Opens the address watch vrf->addrfd (NETLINK_ROUTE, subscribed to IPv4
+// address changes), reads its first dump into vrf->local_addrs and adds its
+// read event. Returns INIT_OK, or INIT_ERR_SOCKET after tracing the step,
+// with addrfd closed and 0 and the table empty.
+// REQUIRES: vrf->base set; vrf->addrfd 0.
+int init_addr_watch(reflector_vrf *vrf);
+
 // ---- reflectorRx.cpp: packet path, session table, report, control channel ----
 
 // Validates one received control packet; counts the reason of a rejection,
@@ -567,7 +574,7 @@ int local_addr_resync(reflector_vrf *vrf);
 // vrf->local_addrs; after lost notifications (ENOBUFS) dumps again. Returns
 // the bytes read, or -1 when nothing was read (traced, errno kept).
 // REQUIRES: vrf non-null.
-long local_addr_read(reflector_vrf *vrf, int fd);
+std::int32_t local_addr_read(reflector_vrf *vrf, int fd);
 
 // Read callback of the address watch: one datagram per call.
 void rx_addr_ready(int fd, short what, void *arg);

@@ -8,9 +8,11 @@
 // bl_handle) and the two filter programs. Invariants: every socket is made
 // through netnsSocketAt in vrf->name; a descriptor is stored in the context
 // before it is tested; a failure returns at once and leaves what it made in
-// the context for vrf_init's teardown.
+// the context for vrf_init's teardown, except in the address watch, which
+// the reflector does without: it undoes its own steps.
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <netinet/in.h>
 #include <netinet/ip.h>
 #include <sys/mman.h>
@@ -337,7 +339,14 @@ int init_socket(reflector_vrf *vrf)
 		return INIT_ERR_SOCKET;
 	}
 
-	// Netlink control channel: the controlling agent addresses us by pid.
+	// The host's own addresses. Without them the reflector still answers,
+	// refusing only martian destinations and sourceIp: a reflector that
+	// stopped answering over this would take its initiators' paths down.
+	if (init_addr_watch(vrf) != INIT_OK)
+		TRACE(TRACE_ERROR, "ERROR: address watch failed, only martian addresses and sourceIp are refused");
+
+	// Netlink control channel, the last socket: the controlling agent
+	// addresses us by pid, and its port bound tells that we are ready.
 	// A failed creation is not tested here; it shows as a bind on -1 (EBADF).
 	vrf->nlfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, vrf->name);
 	sockaddr_nl nl_addr;
@@ -391,6 +400,71 @@ int init_out_socket(reflector_vrf *vrf)
 		TRACE(TRACE_ERROR, "ERROR: bind() result %d, errno %d", (std::int32_t)rc,
 		      (std::int32_t)errno);
 		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
+
+namespace {
+
+// The kernel answers a dump request at once; silence this long means it will not.
+constexpr timeval ADDR_DUMP_WAIT = {1, 0};
+// Datagrams read for the first dump, its parts and the notifications
+// between them; far more than 1024 addresses take.
+constexpr int ADDR_DUMP_READS_MAX = 4096;
+
+int addr_watch_fail(reflector_vrf *vrf)
+{
+	close(vrf->addrfd);
+	vrf->addrfd = 0;
+	std::memset(&vrf->local_addrs, 0, sizeof vrf->local_addrs);
+	return INIT_ERR_SOCKET;
+}
+
+}  // namespace
+
+int init_addr_watch(reflector_vrf *vrf)
+{
+	TRACE(TRACE_FUNC, "init_addr_watch");
+	vrf->addrfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, vrf->name);
+	if (vrf->addrfd == -1) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to create address watch, netnsSocketAt() returns -1, errno %d",
+		      (std::int32_t)errno);
+		vrf->addrfd = 0;
+		return INIT_ERR_SOCKET;
+	}
+	sockaddr_nl nl_addr;
+	std::memset(&nl_addr, 0, sizeof nl_addr);
+	nl_addr.nl_family = AF_NETLINK;
+	nl_addr.nl_groups = RTMGRP_IPV4_IFADDR;  // nl_pid 0: the kernel picks the port
+	socklen_t nl_len = sizeof nl_addr;
+	if (bind(vrf->addrfd, reinterpret_cast<const sockaddr *>(&nl_addr), sizeof nl_addr) != 0 ||
+	    getsockname(vrf->addrfd, reinterpret_cast<sockaddr *>(&nl_addr), &nl_len) != 0 ||
+	    setsockopt(vrf->addrfd, SOL_SOCKET, SO_RCVTIMEO, &ADDR_DUMP_WAIT, sizeof ADDR_DUMP_WAIT) != 0) {
+		TRACE(TRACE_ERROR, "ERROR: address watch bind() or socket option failed, errno %d", (std::int32_t)errno);
+		return addr_watch_fail(vrf);
+	}
+	vrf->local_addrs.port = nl_addr.nl_pid;
+
+	// The first dump is read here: the table is complete before any frame is handled.
+	if (local_addr_resync(vrf) != 0)
+		return addr_watch_fail(vrf);
+	for (int reads = 0; vrf->local_addrs.dumping; reads++) {
+		if (reads == ADDR_DUMP_READS_MAX ||
+		    (local_addr_read(vrf, vrf->addrfd) < 0 && errno != ENOBUFS && errno != EINTR)) {
+			TRACE(TRACE_ERROR, "ERROR: address dump not read, %d datagrams", (std::int32_t)reads);
+			return addr_watch_fail(vrf);
+		}
+	}
+
+	vrf->event_addr = event_new(vrf->base, vrf->addrfd, READ_EVENT, rx_addr_ready, vrf);
+	ENSURE(vrf->event_addr);
+	const int rc = event_add(vrf->event_addr, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() address watch result %d, errno %d\n", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		event_free(vrf->event_addr);
+		vrf->event_addr = nullptr;
+		return addr_watch_fail(vrf);
 	}
 	return INIT_OK;
 }

@@ -1,16 +1,20 @@
 // reflectorRx.cpp -- receive path: read frames from the packet sockets,
 // validate each one and answer the valid ones at once; the session table,
-// the statistics report and the netlink control channel.
+// the statistics report, the netlink control channel and the address watch.
 //
 // Runs on the event-loop thread only. Owns: the session table of the context
-// (hash_tbl, sess_cache, free_list, rx_sess) and every counter and slot write
-// of the shared store. Invariants: every rejected frame counts once in
-// rx_drops and once in exactly one reason counter; nothing is allocated per
-// packet; no byte beyond a received frame or datagram is read except the
-// zeroed bytes of the receive buffer; peer input never reaches an ENSURE.
+// (hash_tbl, sess_cache, free_list, rx_sess), the own addresses
+// (local_addrs) and every counter and slot write of the shared store.
+// Invariants: every rejected frame counts once in rx_drops and once in
+// exactly one reason counter; no reply goes to a martian address or one of
+// the host's own, however the request's source was forged; nothing is
+// allocated per packet; no byte beyond a received frame or datagram is read
+// except the zeroed bytes of the receive buffer; peer input never reaches an
+// ENSURE.
 #include <arpa/inet.h>
 #include <event2/event.h>
 #include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -204,6 +208,20 @@ void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply)
 	s->tx_diag = bfd_diag(reply);
 }
 
+// sendto of the reply at `wire` to `to`, except that a destination no reply
+// may go to (reply_dst_refused) fails as the kernel fails a send to an
+// address it will not use: -1 with errno EADDRNOTAVAIL, nothing sent. The
+// caller then counts and traces it as any failed send, without retrying.
+ssize_t reply_sendto(const reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to)
+{
+	if (reply_dst_refused(vrf, to.sin_addr.s_addr)) {
+		errno = EADDRNOTAVAIL;
+		return -1;
+	}
+	return sendto(vrf->outfd, wire, BFD_PKT_LEN, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to),
+		      sizeof to);
+}
+
 // Builds the reply in place over the request at `wire` and sends it.
 // Returns RX_FRAME_SHORT_SEND when sendto reported a length other than 24.
 int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const sockaddr_in &from,
@@ -215,8 +233,7 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 
 	int budget = SEND_RETRIES;
 	for (;;) {
-		const ssize_t sent = sendto(vrf->outfd, wire, BFD_PKT_LEN, MSG_DONTWAIT,
-					    reinterpret_cast<const sockaddr *>(&from), sizeof from);
+		const ssize_t sent = reply_sendto(vrf, wire, from);
 		if (sent < 0) {
 			const int err = errno;
 			shm->sendto_fail++;
@@ -848,4 +865,237 @@ void rx_netlink_ready(int fd, short what, void *arg)
 		TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
 		std::exit(0);
 	}
+}
+
+// ---- the reply's destination and the own addresses ----
+
+namespace {
+
+// Address watch messages (host byte order): nlmsghdr, then for RTM_NEWADDR
+// and RTM_DELADDR an ifaddrmsg and its attributes, each an rtattr header and
+// a value; IFA_LOCAL holds the interface's own address (IFA_ADDRESS is the
+// peer's on a point-to-point link). NLMSG_ERROR carries a negative errno.
+constexpr std::size_t IFA_MSG_LEN = 8;  // family, prefix length, flags, scope (1 each), ifindex (4)
+static_assert(sizeof(ifaddrmsg) == IFA_MSG_LEN && NLMSG_ALIGN(IFA_MSG_LEN) == IFA_MSG_LEN);
+constexpr std::size_t RTA_HDR_LEN = 4;  // length (2), type (2)
+static_assert(sizeof(rtattr) == RTA_HDR_LEN);
+constexpr std::size_t IPV4_ADDR_LEN = 4;
+constexpr std::size_t NL_ERRNO_OFF = NL_HDR_LEN;  // s32, negative errno
+// Datagrams read after an overrun before dumping again: a full socket
+// buffer of the smallest notifications (212 KiB by default) holds fewer.
+constexpr int ADDR_DRAIN_MAX = 4096;
+
+// Index of the first entry not ordered before (addr, ifindex).
+std::uint32_t local_addr_lower(const local_addr_table &t, std::uint32_t addr, std::uint32_t ifindex)
+{
+	std::uint32_t lo = 0;
+	std::uint32_t hi = t.count;
+	while (lo < hi) {
+		const std::uint32_t mid = lo + (hi - lo) / 2;
+		const local_addr &e = t.entries[mid];
+		if (e.addr < addr || (e.addr == addr && e.ifindex < ifindex))
+			lo = mid + 1;
+		else
+			hi = mid;
+	}
+	return lo;
+}
+
+// Enters (addr, ifindex); one already there counts as listed by the dump.
+void local_addr_add(local_addr_table &t, std::uint32_t addr, std::uint32_t ifindex)
+{
+	const std::uint32_t i = local_addr_lower(t, addr, ifindex);
+	if (i < t.count && t.entries[i].addr == addr && t.entries[i].ifindex == ifindex) {
+		t.entries[i].stale = false;
+		return;
+	}
+	if (t.count == LOCAL_ADDR_MAX) {
+		TRACE(TRACE_ERROR, "ERROR: address table full (%u entries), replies to %s are not refused",
+		      static_cast<std::uint32_t>(LOCAL_ADDR_MAX), dotted(addr).text);
+		return;
+	}
+	std::memmove(&t.entries[i + 1], &t.entries[i], (t.count - i) * sizeof t.entries[0]);
+	t.entries[i] = {addr, ifindex, false};
+	t.count++;
+	TRACE(TRACE_RX, "RX-Address: add %s, ifindex %u", dotted(addr).text, ifindex);
+}
+
+void local_addr_remove(local_addr_table &t, std::uint32_t addr, std::uint32_t ifindex)
+{
+	const std::uint32_t i = local_addr_lower(t, addr, ifindex);
+	if (i == t.count || t.entries[i].addr != addr || t.entries[i].ifindex != ifindex)
+		return;
+	std::memmove(&t.entries[i], &t.entries[i + 1], (t.count - i - 1) * sizeof t.entries[0]);
+	t.count--;
+	TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", dotted(addr).text, ifindex);
+}
+
+// Ends the dump under way. A `complete` one drops the entries it did not
+// list; a failed one keeps them all. Then dumps again if it may have missed
+// changes.
+void local_addr_dump_end(reflector_vrf *vrf, bool complete)
+{
+	local_addr_table &t = vrf->local_addrs;
+	std::uint32_t kept = 0;
+	for (std::uint32_t i = 0; i < t.count; i++) {
+		local_addr e = t.entries[i];
+		if (e.stale && complete) {
+			TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", dotted(e.addr).text, e.ifindex);
+			continue;
+		}
+		e.stale = false;
+		t.entries[kept++] = e;
+	}
+	t.count = kept;
+	t.dumping = false;
+	t.marked = false;
+	if (t.again) {
+		t.again = false;
+		local_addr_resync(vrf);
+	}
+}
+
+// The IPv4 address and interface of the RTM_NEWADDR or RTM_DELADDR message
+// of `len` bytes at `msg`. Returns false when it is not IPv4 or has none.
+bool ifa_local(const std::uint8_t *msg, std::size_t len, std::uint32_t *addr, std::uint32_t *ifindex)
+{
+	if (len < NL_HDR_LEN + IFA_MSG_LEN)
+		return false;
+	ifaddrmsg m;
+	std::memcpy(&m, msg + NL_HDR_LEN, sizeof m);
+	if (m.ifa_family != AF_INET)
+		return false;
+	for (std::size_t off = NL_HDR_LEN + IFA_MSG_LEN; off + RTA_HDR_LEN <= len;) {
+		rtattr a;
+		std::memcpy(&a, msg + off, sizeof a);
+		if (a.rta_len < RTA_HDR_LEN || a.rta_len > len - off)
+			return false;
+		if (a.rta_type == IFA_LOCAL && a.rta_len >= RTA_HDR_LEN + IPV4_ADDR_LEN) {
+			std::memcpy(addr, msg + off + RTA_HDR_LEN, IPV4_ADDR_LEN);
+			*ifindex = m.ifa_index;
+			return true;
+		}
+		off += RTA_ALIGN(a.rta_len);
+	}
+	return false;
+}
+
+// Applies the messages of one address watch datagram of `n` bytes at `buf`.
+void local_addr_apply(reflector_vrf *vrf, const std::uint8_t *buf, std::size_t n)
+{
+	local_addr_table &t = vrf->local_addrs;
+	for (std::size_t off = 0; off + NL_HDR_LEN <= n;) {
+		nlmsghdr h;
+		std::memcpy(&h, buf + off, sizeof h);
+		if (h.nlmsg_len < NL_HDR_LEN || h.nlmsg_len > n - off)
+			break;
+		// A part of our dump carries its sequence number and our port; a
+		// notification those of whoever made the change.
+		const bool dump_part = t.dumping && h.nlmsg_seq == t.seq && h.nlmsg_pid == t.port;
+		if (dump_part && !t.marked) {
+			// Notifications read before the dump's first part are older
+			// than it, those after newer: only the dump says what is gone.
+			for (std::uint32_t i = 0; i < t.count; i++)
+				t.entries[i].stale = true;
+			t.marked = true;
+		}
+		if (dump_part && (h.nlmsg_flags & NLM_F_DUMP_INTR))
+			t.again = true;  // the addresses changed while the kernel listed them
+		// Martian addresses (127.0.0.1 on lo) are refused whether ours or not.
+		std::uint32_t addr;
+		std::uint32_t ifindex;
+		if ((h.nlmsg_type == RTM_NEWADDR || h.nlmsg_type == RTM_DELADDR) &&
+		    ifa_local(buf + off, h.nlmsg_len, &addr, &ifindex) && !ipv4_martian(ntohl(addr))) {
+			if (h.nlmsg_type == RTM_NEWADDR)
+				local_addr_add(t, addr, ifindex);
+			else
+				local_addr_remove(t, addr, ifindex);
+		} else if (dump_part && h.nlmsg_type == NLMSG_DONE) {
+			local_addr_dump_end(vrf, true);
+		} else if (dump_part && h.nlmsg_type == NLMSG_ERROR) {
+			TRACE(TRACE_ERROR, "ERROR: address dump failed, errno %d",
+			      -static_cast<std::int32_t>(load_u32_within(buf, n, off + NL_ERRNO_OFF)));
+			local_addr_dump_end(vrf, false);
+		}
+		off += NLMSG_ALIGN(h.nlmsg_len);
+	}
+}
+
+}  // namespace
+
+bool reply_dst_refused(const reflector_vrf *vrf, std::uint32_t addr)
+{
+	if (ipv4_martian(ntohl(addr)) || addr == reflector_cfg.sourceIp)
+		return true;
+	const local_addr_table &t = vrf->local_addrs;
+	const std::uint32_t i = local_addr_lower(t, addr, 0);
+	return i < t.count && t.entries[i].addr == addr;
+}
+
+int local_addr_resync(reflector_vrf *vrf)
+{
+	local_addr_table &t = vrf->local_addrs;
+	if (t.dumping) {
+		t.again = true;  // the kernel runs one dump per socket at a time
+		return 0;
+	}
+	nlmsghdr h{};
+	h.nlmsg_len = static_cast<std::uint32_t>(NL_HDR_LEN + IFA_MSG_LEN);
+	h.nlmsg_type = RTM_GETADDR;
+	h.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+	h.nlmsg_seq = ++t.seq;
+	ifaddrmsg m{};
+	m.ifa_family = AF_INET;
+	std::uint8_t req[NL_HDR_LEN + IFA_MSG_LEN];
+	std::memcpy(req, &h, sizeof h);
+	std::memcpy(req + NL_HDR_LEN, &m, sizeof m);
+	// The socket has no peer of its own: send() goes to the kernel.
+	if (send(vrf->addrfd, req, sizeof req, 0) != static_cast<ssize_t>(sizeof req)) {
+		TRACE(TRACE_ERROR, "ERROR: address dump request, send() errno %d", static_cast<std::int32_t>(errno));
+		return -1;
+	}
+	t.dumping = true;
+	t.marked = false;
+	return 0;
+}
+
+std::int32_t local_addr_read(reflector_vrf *vrf, int fd)
+{
+	alignas(16) std::uint8_t buf[RX_BUF_LEN];  // a dump part is at most 32 KiB
+	const ssize_t n = recv(fd, buf, sizeof buf, 0);
+	if (n < 0) {
+		const int err = errno;
+		if (err == ENOBUFS) {
+			// The kernel dropped notifications: the table may be stale. What
+			// is queued is read first, so that the new dump finds room (a
+			// full socket would fail it).
+			TRACE(TRACE_ERROR, "ERROR: address watch overrun, reading the addresses again");
+			for (int i = 0; i < ADDR_DRAIN_MAX; i++) {
+				const ssize_t m = recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+				if (m >= 0)
+					local_addr_apply(vrf, buf, static_cast<std::size_t>(m));
+				else if (errno != ENOBUFS)
+					break;
+			}
+			local_addr_resync(vrf);
+		} else {
+			TRACE(TRACE_ERROR, "ERROR: address watch recv() returns -1, errno %d", static_cast<std::int32_t>(err));
+		}
+		errno = err;
+		return -1;
+	}
+	local_addr_apply(vrf, buf, static_cast<std::size_t>(n));
+	return static_cast<std::int32_t>(n);
+}
+
+void rx_addr_ready(int fd, short what, void *arg)
+{
+	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return;
+	}
+	TRACE(TRACE_EVENT, "EVENT: Got an address event on socket %d:%s%s [%s]", static_cast<std::int32_t>(fd),
+	      (what & EV_READ) ? " read" : "", (what & EV_WRITE) ? " write" : "", vrf->name);
+	local_addr_read(vrf, fd);
 }
