@@ -1,6 +1,7 @@
 // brevlog_test.cpp -- the trace library, its reader and blcat: cut texts,
 // ring wrap, record times, records of signal handlers, printf rendering,
-// corrupt files, and blcat's output, filter, merge and exit statuses.
+// corrupt and forged sparse files, blcat's output, filter, merge and exit
+// statuses, and blcat -f on a file cut and rewritten in place.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -386,6 +387,55 @@ TEST_F(TraceFile, BlcatExitStatusesAndErrorLines)
 		EXPECT_EQ(std::tuple(status, out), std::tuple(2, "")) << (args.empty() ? "" : args[0]);
 		EXPECT_NE(err.find("usage: blcat"), std::string::npos);
 	}
+}
+
+// Rings of 1 GiB in a sparse file whose size agrees with them: when the
+// heads claim records that the rings do not hold the file is refused, and
+// when each ring holds a little data only that data is read.
+TEST_F(TraceFile, BlcatWorksByTheDataASparseFileHoldsNotItsClaimedRings)
+{
+	constexpr std::uint64_t GIB = 1ull << 30, HEAD = 1ull << 40;
+	unsigned char h[BL_HEADER_SIZE] = {};
+	auto put = [&h](std::size_t off, auto v) { std::memcpy(h + off, &v, sizeof v); };
+	std::memcpy(h, BL_MAGIC, sizeof BL_MAGIC);
+	put(8, BL_VERSION), put(12, BL_HEADER_SIZE), put(16, BL_MAX_LEVELS), put(24, std::uint64_t{BL_HEADER_SIZE}),
+		put(32, BL_DESC_AREA_SIZE);
+	std::uint64_t end = BL_HEADER_SIZE + BL_DESC_AREA_SIZE;
+	for (std::uint32_t i = 0; i < BL_MAX_LEVELS; i++, end += GIB)
+		put(BL_LEVEL_TABLE_OFF + i * BL_LEVEL_ENTRY_SIZE, end), put(BL_LEVEL_TABLE_OFF + i * BL_LEVEL_ENTRY_SIZE + 8, GIB),
+			put(BL_LEVEL_TABLE_OFF + i * BL_LEVEL_ENTRY_SIZE + 16, HEAD);
+	const std::string path = dir->file("sparse.bl");
+	std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(h), sizeof h);
+	std::filesystem::resize_file(path, end);  // the rings: one hole
+	EXPECT_EQ(blcat({path}), std::tuple(1, "", "blcat: " + path + ": corrupt header (level 0 head " + std::to_string(HEAD) +
+							", but its ring holds no data)\n"));
+	{
+		std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+		for (std::uint32_t i = 0; i < BL_MAX_LEVELS; i++)
+			f.seekp(static_cast<std::streamoff>(BL_HEADER_SIZE + BL_DESC_AREA_SIZE + i * GIB + GIB / 2)).write("junk", 4);
+	}
+	EXPECT_EQ(blcat({path}), std::tuple(0, "", ""));
+}
+
+// The file cut under blcat -f and then written anew in place (same inode):
+// blcat says so, waits, and prints the new content from its start.
+TEST_F(TraceFile, BlcatFollowWaitsOutACutAndPrintsWhatIsWrittenInPlace)
+{
+	const std::string path = dir->file("live.bl");
+	std::filesystem::copy_file(golden(), path, std::filesystem::copy_options::overwrite_existing);
+	testutil::child_process cat({testutil::bin("blcat"), "-f", path}, {"TZ=UTC"});
+	auto shows = [&](const std::string &text, bool err = false) {
+		return testutil::wait_until([&] { return (err ? cat.err() : cat.out()).find(text) != std::string::npos; });
+	};
+	ASSERT_TRUE(shows("EVENT: 100% [left  ]"));
+	ASSERT_EQ(truncate(path.c_str(), 0), 0);
+	EXPECT_TRUE(shows("blcat: " + path + ": file truncated\n", true)) << cat.err();
+	ASSERT_TRUE(cat.running()) << "blcat died of the cut";
+	const std::string wrapped = testutil::read_file(dir->file("wrapped.bl"));
+	ASSERT_EQ(testutil::run("cat " + dir->file("wrapped.bl") + " > " + path), 0);  // truncates and writes
+	EXPECT_TRUE(shows("INIT: 39 text -1\n")) << cat.out();
+	EXPECT_TRUE(cat.running());
+	EXPECT_EQ(cat.out().find("INIT: 39 text -1\n"), cat.out().rfind("INIT: 39 text -1\n"));
 }
 
 // The golden records, under a fixed file name and line numbers so that the

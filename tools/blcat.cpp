@@ -1,8 +1,8 @@
 // blcat.cpp -- prints the records of trace files, all levels merged in time
-// order: blcat [-f] [-l LEVELS] [-s] FILE...
+// order: blcat [-f] [-l LEVELS] [-s] FILE...; -f follows each FILE by name.
 //
-// Exit status: 0 success, 1 a file that cannot be read or is not a valid
-// trace file, 2 a usage error.
+// Exit status: 0 success, 1 a file that cannot be read, is not a valid
+// trace file or was cut while read, 2 a usage error.
 #include <csignal>
 #include <cstdio>
 #include <unistd.h>

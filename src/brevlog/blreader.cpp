@@ -5,15 +5,18 @@
 // access, values are copied out with memcpy (no casts of file bytes to
 // structs), and integers are widened before arithmetic so that no offset sum
 // can wrap.
+//
+// Every byte comes through read_at: pread from the file, or memcpy from an
+// attached image. The writer updates the file while we read it, so a value
+// read twice may differ: each is read once into our memory and checked there.
 #include "blreader.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <memory>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <type_traits>
@@ -25,6 +28,13 @@ constexpr std::uint64_t BLR_MAX_RING = 1048576ull * 1024;  // the writer's large
 constexpr std::uint64_t BLR_MAX_DESC_AREA = 64ull * 1024 * 1024;
 constexpr std::uint32_t BLR_MAX_SPEC_NUMBER = 4096;  // widths/precisions beyond are shown literally
 constexpr const char *BLR_MISSING = "<?>";
+// Ring bytes read at once: many records per read, and always a whole record
+// of BL_MAX_RECORD past the first one's start.
+constexpr std::size_t BLR_CHUNK = 64 * 1024;
+static_assert(BLR_CHUNK % 8 == 0 && BLR_CHUNK >= 2 * BL_MAX_RECORD);
+constexpr std::uint64_t HDR_DESC_USED = 40;   // header offset of desc_used
+constexpr std::uint64_t HDR_CREATED_NS = 56;  // header offset of created_ns
+constexpr std::uint64_t LVL_HEAD = 16;        // level entry offset of head
 
 template <typename T> T load(const unsigned char *p)
 {
@@ -33,17 +43,75 @@ template <typename T> T load(const unsigned char *p)
 	return v;
 }
 
-// Loads a field the writer updates concurrently (head, desc_used, stamps).
-template <typename T> T load_acquire(const unsigned char *p)
-{
-	return __atomic_load_n(reinterpret_cast<const T *>(p), __ATOMIC_ACQUIRE);
-}
-
 std::string u64s(std::uint64_t v) { return std::to_string(v); }
 
 const unsigned char *level_entry(const unsigned char *base, std::uint32_t i)
 {
 	return base + BL_LEVEL_TABLE_OFF + static_cast<std::size_t>(i) * BL_LEVEL_ENTRY_SIZE;
+}
+
+std::uint64_t head_offset(std::uint32_t level)
+{
+	return BL_LEVEL_TABLE_OFF + std::uint64_t{level} * BL_LEVEL_ENTRY_SIZE + LVL_HEAD;
+}
+
+// Copies `len` bytes at `off` of the file into `dst`. False, with f.truncated
+// set, when the file ends before them: it was cut under us.
+bool read_at(blr_file &f, std::uint64_t off, void *dst, std::size_t len)
+{
+	if (off > f.size || len > f.size - off) {
+		f.truncated = true;
+		return false;
+	}
+	if (len == 0)
+		return true;  // dst may be the null data() of an empty buffer
+	if (f.base) {
+		std::memcpy(dst, f.base + off, len);
+		return true;
+	}
+	auto *d = static_cast<unsigned char *>(dst);
+	for (std::size_t done = 0; done < len;) {
+		const ssize_t n = pread(f.fd, d + done, len - done, static_cast<off_t>(off + done));
+		if (n > 0)
+			done += static_cast<std::size_t>(n);
+		else if (n == -1 && errno == EINTR)
+			continue;
+		else {
+			f.truncated = true;  // end of file early, or an I/O error: no more of it
+			return false;
+		}
+	}
+	return true;
+}
+
+bool read_u64(blr_file &f, std::uint64_t off, std::uint64_t *v)
+{
+	unsigned char b[8];
+	if (!read_at(f, off, b, sizeof b))
+		return false;
+	*v = load<std::uint64_t>(b);
+	return true;
+}
+
+// Bytes of the hole that starts at file offset `at`, at most `limit`, a
+// multiple of 8; 0 when data is there, for an image, or when the file
+// system does not tell. A hole reads as zeros and no record stamp is zero,
+// so no record starts in it.
+std::uint64_t hole_at(const blr_file &f, std::uint64_t at, std::uint64_t limit)
+{
+	if (f.base || f.fd == -1)
+		return 0;
+	const off_t data = lseek(f.fd, static_cast<off_t>(at), SEEK_DATA);
+	if (data == -1) {
+		// ENXIO: no data after `at` up to the end, or the end moved before
+		// `at`; then the read that follows finds the file cut.
+		struct stat st;
+		if (errno == ENXIO && fstat(f.fd, &st) == 0 && static_cast<std::uint64_t>(st.st_size) >= f.size)
+			return limit & ~std::uint64_t{7};
+		return 0;
+	}
+	const std::uint64_t d = static_cast<std::uint64_t>(data);
+	return d <= at ? 0 : std::min(d - at, limit) & ~std::uint64_t{7};
 }
 
 bool valid_type(std::uint8_t t) { return t >= BL_T_BOOL && t <= BL_T_S64; }
@@ -143,31 +211,16 @@ std::string render_conversion(std::string_view flags, std::string_view width,
 	}
 }
 
-// Records decode lazily into this buffer; a record is at most BL_MAX_RECORD.
-struct record_copy {
-	unsigned char bytes[BL_MAX_RECORD];
-};
-
 std::time_t to_time(std::uint64_t sec)
 {
 	return static_cast<std::time_t>(sec);
 }
 
-}  // namespace
-
-blr_file::~blr_file()
+// blr_check_header on the first `avail` bytes of a file of `n` bytes
+// (avail = min(n, BL_HEADER_SIZE) or more).
+std::string check_header(const unsigned char *b, std::uint64_t avail, std::uint64_t n)
 {
-	if (base && mapped)
-		munmap(const_cast<unsigned char *>(base), size);
-	if (fd != -1)
-		close(fd);
-}
-
-std::string blr_check_header(std::span<const unsigned char> image)
-{
-	const unsigned char *b = image.data();
-	const std::uint64_t n = image.size();
-	if (n < sizeof BL_MAGIC || std::memcmp(b, BL_MAGIC, sizeof BL_MAGIC) != 0)
+	if (avail < sizeof BL_MAGIC || std::memcmp(b, BL_MAGIC, sizeof BL_MAGIC) != 0)
 		return "not a trace file";
 	if (n < 12)
 		return "truncated (" + u64s(n) + " bytes, header is " + u64s(BL_HEADER_SIZE) + ")";
@@ -205,10 +258,54 @@ std::string blr_check_header(std::span<const unsigned char> image)
 	return "";
 }
 
+// Takes the validated header `b` into `f`.
+void take_header(blr_file &f, const unsigned char *b)
+{
+	f.nlevels = load<std::uint32_t>(b + 16);
+	f.desc_size = load<std::uint64_t>(b + 32);
+	f.created_ns = load<std::uint64_t>(b + HDR_CREATED_NS);
+	f.levels.resize(f.nlevels);
+	f.next_pos.assign(f.nlevels, 0);
+	for (std::uint32_t i = 0; i < f.nlevels; i++) {
+		f.levels[i].ring_off = load<std::uint64_t>(level_entry(b, i));
+		f.levels[i].ring_size = load<std::uint64_t>(level_entry(b, i) + 8);
+	}
+}
+
+// "" unless a level's head claims BLR_HOLE_PROOF bytes or more written and
+// the written part of its ring is one hole.
+std::string check_claims(blr_file &f)
+{
+	for (std::uint32_t i = 0; i < f.nlevels; i++) {
+		std::uint64_t head;
+		if (!read_u64(f, head_offset(i), &head))
+			return "truncated while being read";
+		const std::uint64_t written = std::min(head, f.levels[i].ring_size);
+		if (written >= BLR_HOLE_PROOF && hole_at(f, f.levels[i].ring_off, written) == written)
+			return "corrupt header (level " + u64s(i) + " head " + u64s(head) +
+			       ", but its ring holds no data)";
+	}
+	return "";
+}
+
+}  // namespace
+
+blr_file::~blr_file()
+{
+	if (fd != -1)
+		close(fd);
+}
+
+std::string blr_check_header(std::span<const unsigned char> image)
+{
+	return check_header(image.data(), image.size(), image.size());
+}
+
 std::string blr_open(blr_file &f, const char *path)
 {
 	f.path = path;
-	f.fd = open(path, O_RDONLY | O_CLOEXEC);
+	// O_NONBLOCK: a FIFO in place of the file must not hold us in open().
+	f.fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
 	if (f.fd == -1)
 		return f.path + ": " + std::strerror(errno);
 	struct stat st;
@@ -218,12 +315,25 @@ std::string blr_open(blr_file &f, const char *path)
 		return f.path + ": not a trace file";
 	if (st.st_size == 0)
 		return f.path + ": not a trace file (empty)";
-	const std::size_t size = static_cast<std::size_t>(st.st_size);
-	void *m = mmap(nullptr, size, PROT_READ, MAP_SHARED, f.fd, 0);
-	if (m == MAP_FAILED)
-		return f.path + ": " + std::strerror(errno);
-	f.mapped = true;
-	return blr_attach(f, {static_cast<const unsigned char *>(m), size}, path);
+	f.dev = st.st_dev;
+	f.ino = st.st_ino;
+	f.size = static_cast<std::uint64_t>(st.st_size);
+
+	// The header as it is now, checked against the size fstat gave.
+	unsigned char hdr[BL_HEADER_SIZE];
+	const std::size_t avail = static_cast<std::size_t>(std::min<std::uint64_t>(f.size, sizeof hdr));
+	if (!read_at(f, 0, hdr, avail))
+		return f.path + ": truncated while being read";
+	std::string why = check_header(hdr, avail, f.size);
+	if (why.empty()) {
+		take_header(f, hdr);
+		why = check_claims(f);
+	}
+	if (why.empty())
+		why = blr_load_descs(f);
+	if (why.empty() && f.truncated)
+		why = "truncated while being read";
+	return why.empty() ? why : f.path + ": " + why;
 }
 
 std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const char *name)
@@ -231,42 +341,52 @@ std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const 
 	f.path = name;
 	f.base = image.data();
 	f.size = image.size();
-	const std::string why = blr_check_header({f.base, f.size});
+	const std::string why = blr_check_header(image);
 	if (!why.empty())
 		return f.path + ": " + why;
-	f.nlevels = load<std::uint32_t>(f.base + 16);
-	f.desc_size = load<std::uint64_t>(f.base + 32);
-	f.levels.resize(f.nlevels);
-	f.next_pos.assign(f.nlevels, 0);
-	for (std::uint32_t i = 0; i < f.nlevels; i++) {
-		f.levels[i].ring_off = load<std::uint64_t>(level_entry(f.base, i));
-		f.levels[i].ring_size = load<std::uint64_t>(level_entry(f.base, i) + 8);
-	}
+	take_header(f, f.base);
 	const std::string d = blr_load_descs(f);
 	return d.empty() ? d : f.path + ": " + d;
 }
 
 std::string blr_load_descs(blr_file &f)
 {
-	const unsigned char *area = f.base + BL_HEADER_SIZE;
-	const std::uint64_t used =
-		std::min(load_acquire<std::uint64_t>(f.base + 40), f.desc_size);
+	std::uint64_t used;
+	if (!read_u64(f, HDR_DESC_USED, &used))
+		return "";
+	used = std::min(used, f.desc_size);
+	// Entries are only ever added: nothing new unless the area grew or
+	// held an entry still being written.
+	if (used == f.desc_loaded && !f.desc_partial)
+		return "";
+	std::vector<unsigned char> copy(static_cast<std::size_t>(used));
+	if (!read_at(f, BL_HEADER_SIZE, copy.data(), copy.size()))
+		return "";
+	const unsigned char *area = copy.data();
+	bool partial = false;
 	std::vector<blr_desc> descs;
 	std::uint64_t o = 0;
 	while (o + BL_DESC_HDR_SIZE <= used) {
 		const std::uint64_t at = BL_HEADER_SIZE + o;
 		const std::string corrupt = "corrupt descriptor at offset " + u64s(at);
-		const auto entry_len = load_acquire<std::uint32_t>(area + o);
-		if (entry_len == 0)
-			break;  // reserved but never written: the writer died there
+		const auto entry_len = load<std::uint32_t>(area + o);
+		if (entry_len == 0) {
+			partial = true;  // reserved, not yet written, or the writer died there
+			break;
+		}
 		if (entry_len % 8 != 0 || entry_len < 24 || entry_len > f.desc_size - o)
 			return corrupt;
-		const auto magic = load_acquire<std::uint32_t>(area + o + 4);
+		const auto magic = load<std::uint32_t>(area + o + 4);
 		if (magic != BL_DESC_MAGIC) {
 			if (magic != 0)
 				return corrupt;
+			partial = true;
 			o += entry_len;  // still being written
 			continue;
+		}
+		if (entry_len > used - o) {
+			partial = true;  // complete, but beyond desc_used as we read it
+			break;
 		}
 		const unsigned char *e = area + o;
 		blr_desc d;
@@ -294,6 +414,8 @@ std::string blr_load_descs(blr_file &f)
 		if (descs[i].msg_id == descs[i - 1].msg_id)
 			return "corrupt descriptor (message id " + u64s(descs[i].msg_id) + " twice)";
 	f.descs = std::move(descs);
+	f.desc_loaded = used;
+	f.desc_partial = partial;
 	return "";
 }
 
@@ -361,42 +483,63 @@ bool blr_decode_values(std::span<const unsigned char> body, std::vector<blr_valu
 void blr_collect(blr_file &f, std::uint32_t level_mask, std::uint32_t file_index,
 		 std::vector<blr_record> &out)
 {
-	record_copy copy;
-	for (std::uint32_t lv = 0; lv < f.nlevels; lv++) {
+	std::unique_ptr<unsigned char[]> chunk;
+	for (std::uint32_t lv = 0; lv < f.nlevels && !f.truncated; lv++) {
 		if (!(level_mask & (1u << lv)))
 			continue;
 		const std::uint64_t size = f.levels[lv].ring_size;
-		const unsigned char *ring = f.base + f.levels[lv].ring_off;
-		const unsigned char *head_field = level_entry(f.base, lv) + 16;
-		const std::uint64_t head = load_acquire<std::uint64_t>(head_field);
+		const std::uint64_t ring_off = f.levels[lv].ring_off;
+		std::uint64_t head;
+		if (!read_u64(f, head_offset(lv), &head))
+			return;
 
 		// Window of live records: [head - size, head), from where we stopped.
 		std::uint64_t p = head > size ? head - size : 0;
 		p = std::max(p, f.next_pos[lv]);
-		p = (p + 7) & ~std::uint64_t{7};
+		p = (p + 7) & ~std::uint64_t{7};  // no wrap: p <= head - 8 or next_pos <= head
 		std::uint64_t resume = p;
+		// The ring bytes of stream positions [c_lo, c_hi) are in `chunk`,
+		// copied before the head read into head_after.
+		std::uint64_t c_lo = 0, c_hi = 0, head_after = 0;
+		// Moves p on by n, never past head (so p cannot wrap).
+		auto skip = [&](std::uint64_t n) { p += std::min(n, head - p); };
 		while (p < head && head - p >= BL_REC_HDR_SIZE) {
 			const std::uint64_t off = p % size;
 			if (size - off < BL_REC_HDR_SIZE) {
-				p += size - off;  // no record starts this close to the end
+				skip(size - off);  // no record starts this close to the end
 				continue;
 			}
-			if (load_acquire<std::uint64_t>(ring + off) != ~p) {
+			// A record here lies within `reach` bytes: it never crosses the
+			// ring's end nor the head.
+			const std::uint64_t reach = std::min({std::uint64_t{BL_MAX_RECORD}, size - off, head - p});
+			if (p < c_lo || p + reach > c_hi) {
+				const std::uint64_t until = std::min(size - off, head - p);
+				if (const std::uint64_t hole = hole_at(f, ring_off + off, until); hole != 0) {
+					skip(hole);
+					continue;
+				}
+				if (!chunk)
+					chunk = std::make_unique<unsigned char[]>(BLR_CHUNK);
+				const std::uint64_t want = std::min<std::uint64_t>(BLR_CHUNK, until);
+				if (!read_at(f, ring_off + off, chunk.get(), static_cast<std::size_t>(want)) ||
+				    !read_u64(f, head_offset(lv), &head_after))
+					return;
+				c_lo = p;
+				c_hi = p + want;
+			}
+			const unsigned char *rec = chunk.get() + (p - c_lo);
+			if (load<std::uint64_t>(rec) != ~p) {
 				p += 8;
 				continue;
 			}
-			const std::uint32_t len = load<std::uint32_t>(ring + off + 8);
-			if (len < BL_REC_HDR_SIZE || len % 8 != 0 || len > BL_MAX_RECORD ||
-			    len > size - off || len > head - p) {
+			const std::uint32_t len = load<std::uint32_t>(rec + 8);
+			if (len < BL_REC_HDR_SIZE || len % 8 != 0 || len > reach) {
 				f.stats.malformed++;
 				p += 8;
 				continue;
 			}
-			std::memcpy(copy.bytes, ring + off, len);
-			std::atomic_thread_fence(std::memory_order_acquire);
-			const std::uint64_t head_now = load_acquire<std::uint64_t>(head_field);
-			if (head_now > size && head_now - size > p) {
-				f.stats.torn++;  // the writer overtook it while we copied
+			if (head_after > size && head_after - size > p) {
+				f.stats.torn++;  // the writer overtook it while we copied it
 				p += 8;
 				continue;
 			}
@@ -404,11 +547,9 @@ void blr_collect(blr_file &f, std::uint32_t level_mask, std::uint32_t file_index
 			r.pos = p;
 			r.level = lv;
 			r.file_index = file_index;
-			r.msg_id = load<std::uint32_t>(copy.bytes + 12);
-			r.time_ns = load<std::uint64_t>(copy.bytes + 16);
-			if (load<std::uint64_t>(copy.bytes) != ~p ||
-			    !blr_decode_values({copy.bytes + BL_REC_HDR_SIZE, len - BL_REC_HDR_SIZE},
-					       r.values)) {
+			r.msg_id = load<std::uint32_t>(rec + 12);
+			r.time_ns = load<std::uint64_t>(rec + 16);
+			if (!blr_decode_values({rec + BL_REC_HDR_SIZE, len - BL_REC_HDR_SIZE}, r.values)) {
 				f.stats.malformed++;
 				p += len;
 				continue;
@@ -569,39 +710,119 @@ bool blr_parse_levels(const char *text, std::uint32_t *mask)
 	}
 }
 
+namespace {
+
+// One path that blcat prints, and the file it reads for it now.
+struct followed {
+	const char *path;
+	std::unique_ptr<blr_file> file;
+	bool told_truncated = false;  // "file truncated" said for this file
+};
+
+// False when the file `f` reads no longer holds what blr_open validated: its
+// size or its creation time changed (cut, or rewritten in place).
+bool unchanged(blr_file &f)
+{
+	struct stat st;
+	std::uint64_t created;
+	return fstat(f.fd, &st) == 0 && static_cast<std::uint64_t>(st.st_size) == f.size &&
+	       read_u64(f, HDR_CREATED_NS, &created) && created == f.created_ns;
+}
+
+// Follow by name: the file to read from now on for `p` when its path names
+// another valid trace, or its own file is valid again after a truncation;
+// nullptr when `p` stays as it is. Notes what it sees on `err`.
+std::unique_ptr<blr_file> follow_path(followed &p, std::FILE *err)
+{
+	blr_file &f = *p.file;
+	if (!f.truncated && !unchanged(f))
+		f.truncated = true;
+	if (f.truncated && !p.told_truncated) {
+		std::fprintf(err, "blcat: %s: file truncated\n", p.path);
+		p.told_truncated = true;
+	}
+	struct stat st;
+	if (stat(p.path, &st) == -1 || (!f.truncated && st.st_dev == f.dev && st.st_ino == f.ino))
+		return nullptr;
+	// Another file, or ours after a cut: taken once it is a valid trace.
+	auto fresh = std::make_unique<blr_file>();
+	if (!blr_open(*fresh, p.path).empty())
+		return nullptr;
+	const bool other = fresh->dev != f.dev || fresh->ino != f.ino;
+	if (!other && !f.truncated)
+		return nullptr;  // renamed away and back between stat and open
+	if (other)
+		std::fprintf(err, "blcat: %s has been replaced; following new file\n", p.path);
+	return fresh;
+}
+
+}  // namespace
+
 int blr_cat(std::span<const char *const> paths, const blr_cat_options &opt, std::FILE *out,
 	    std::FILE *err)
 {
-	std::vector<blr_file> files(paths.size());
-	for (std::size_t i = 0; i < paths.size(); i++) {
-		const std::string why = blr_open(files[i], paths[i]);
+	const std::size_t n = paths.size();
+	std::vector<followed> files;
+	for (std::size_t i = 0; i < n; i++) {
+		files.push_back({paths[i], std::make_unique<blr_file>()});
+		const std::string why = blr_open(*files[i].file, paths[i]);
 		if (!why.empty()) {
 			std::fprintf(err, "blcat: %s\n", why.c_str());
 			return 1;
 		}
 	}
+	blr_stats left;  // of the files replaced while following
+	int status = 0;
 	for (;;) {
 		std::vector<blr_record> records;
-		for (std::size_t i = 0; i < files.size(); i++) {
-			// Follow: descriptors of call sites first used since the last poll.
+		// Files replaced in this poll, kept until their last records are
+		// rendered; their records' file_index is n + their index here.
+		std::vector<std::unique_ptr<blr_file>> retired;
+		for (std::size_t i = 0; i < n; i++) {
 			if (opt.follow) {
-				const std::string why = blr_load_descs(files[i]);
+				if (auto fresh = follow_path(files[i], err)) {
+					blr_file &old = *files[i].file;
+					if (!old.truncated) {
+						blr_load_descs(old);  // its last records, as well as it can
+						blr_collect(old, opt.level_mask,
+							    static_cast<std::uint32_t>(n + retired.size()), records);
+					}
+					left.malformed += old.stats.malformed;
+					left.torn += old.stats.torn;
+					retired.push_back(std::move(files[i].file));
+					files[i].file = std::move(fresh);
+					files[i].told_truncated = false;
+				}
+				blr_file &f = *files[i].file;
+				if (f.truncated)
+					continue;  // until the path holds a valid trace again
+				// Descriptors of call sites first used since the last poll.
+				const std::string why = blr_load_descs(f);
 				if (!why.empty()) {
-					std::fprintf(err, "blcat: %s: %s\n", files[i].path.c_str(),
-						     why.c_str());
+					std::fprintf(err, "blcat: %s: %s\n", f.path.c_str(), why.c_str());
 					return 1;
 				}
 			}
-			blr_collect(files[i], opt.level_mask, static_cast<std::uint32_t>(i), records);
+			blr_collect(*files[i].file, opt.level_mask, static_cast<std::uint32_t>(i), records);
 		}
 		blr_sort(records);
 		for (const blr_record &r : records) {
-			const std::string line = blr_render(files[r.file_index], r);
+			const blr_file &from = r.file_index < n ? *files[r.file_index].file : *retired[r.file_index - n];
+			const std::string line = blr_render(from, r);
 			std::fwrite(line.data(), 1, line.size(), out);
 			std::fputc('\n', out);
 		}
 		std::fflush(out);
-		if (!opt.follow || (opt.stop && *opt.stop))
+		if (!opt.follow) {
+			// A file cut while it was read: what it held before is printed.
+			for (const followed &p : files)
+				if (p.file->truncated) {
+					std::fprintf(err, "blcat: %s: truncated while being read\n", p.path);
+					status = 1;
+				}
+			break;
+		}
+		if (opt.stop && *opt.stop)
 			break;
 		const timespec pause{opt.poll_ms / 1000, (opt.poll_ms % 1000) * 1000000L};
 		nanosleep(&pause, nullptr);
@@ -609,14 +830,14 @@ int blr_cat(std::span<const char *const> paths, const blr_cat_options &opt, std:
 			break;
 	}
 	if (opt.summary) {
-		blr_stats total;
-		for (const blr_file &f : files) {
-			total.malformed += f.stats.malformed;
-			total.torn += f.stats.torn;
+		blr_stats total = left;
+		for (const followed &p : files) {
+			total.malformed += p.file->stats.malformed;
+			total.torn += p.file->stats.torn;
 		}
 		std::fprintf(err, "blcat: skipped %llu malformed and %llu overwritten records\n",
 			     static_cast<unsigned long long>(total.malformed),
 			     static_cast<unsigned long long>(total.torn));
 	}
-	return 0;
+	return status;
 }

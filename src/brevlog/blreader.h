@@ -7,7 +7,15 @@
 // rendered. The file may be written while it is read (blcat -f): records are
 // copied out and accepted only when their stamp matches and the ring's head,
 // read after the copy, shows that nothing overwrote them.
+//
+// Files are read with pread, never mapped: a file truncated under the reader
+// (logrotate's copytruncate, ": > file") then gives short reads, which mark
+// it truncated, where a mapping would raise SIGBUS. Holes of a sparse file
+// are skipped unread (they hold no record), so the work follows the data the
+// file really holds, not the ring sizes its header claims.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -54,16 +62,22 @@ struct blr_stats {
 	std::uint64_t torn = 0;       // overwritten while being copied out
 };
 
-// An open, validated trace file. Its memory is a read-only shared mapping,
-// so a file still being written shows its new records.
+// An open, validated trace file: a descriptor read with pread (blr_open), so
+// a file still being written shows its new records, or an image in memory
+// (blr_attach).
 struct blr_file {
 	std::string path;
-	int fd = -1;
-	const unsigned char *base = nullptr;
-	std::size_t size = 0;
-	bool mapped = false;  // base is our mapping (blr_open), not the caller's image
+	int fd = -1;                          // blr_open: the file, read with pread
+	const unsigned char *base = nullptr;  // blr_attach: the caller's image
+	std::uint64_t size = 0;               // bytes, as validated by the header check
+	dev_t dev = 0;                        // blr_open: identity of the open file,
+	ino_t ino = 0;                        // to notice its path naming another one
+	std::uint64_t created_ns = 0;         // header's creation time, nanoseconds
+	bool truncated = false;               // a read ended early: the file shrank under us
 	std::uint32_t nlevels = 0;
 	std::uint64_t desc_size = 0;
+	std::uint64_t desc_loaded = 0;        // desc_used when the descriptors were last read
+	bool desc_partial = true;             // an entry was still being written then
 	std::vector<blr_level> levels;
 	std::vector<blr_desc> descs;            // indexed by message id
 	std::vector<std::uint64_t> next_pos;    // per level: first position not yet collected
@@ -81,23 +95,35 @@ struct blr_file {
 // "truncated (100 bytes, header says 4200000)", ...).
 std::string blr_check_header(std::span<const unsigned char> image);
 
-// Opens and maps `path` read-only, validates the header and reads the
-// descriptors. Returns "" on success, else the one-line message
+// Opens `path` read-only, validates the header against the file's size and
+// reads the descriptors. A level whose head claims at least
+// BLR_HOLE_PROOF bytes written while its ring holds no data at all (a
+// sparse file forged to cost the reader a scan of empty rings) makes the
+// file corrupt. Returns "" on success, else the one-line message
 // "<path>: <reason>".
 std::string blr_open(blr_file &f, const char *path);
 
-// Like blr_open on a file image the caller keeps alive as long as `f`
-// (tests and fuzz targets). `name` stands for the path in messages.
+// Bytes a ring's head must claim before an empty ring counts as forged: more
+// than the writer can have reserved and not yet written (nested open records
+// of a thread and its signal handlers), rounded up generously.
+constexpr std::uint64_t BLR_HOLE_PROOF = 64 * 1024;
+
+// Like blr_open on a file image the caller keeps alive and unchanged as long
+// as `f` (tests and fuzz targets). `name` stands for the path in messages.
 std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const char *name);
 
-// (Re-)reads the descriptor area; descriptors still being written are
-// skipped. Returns "" or "corrupt descriptor at offset N".
+// (Re-)reads the descriptor area when it grew or held an entry still being
+// written; descriptors still being written are skipped. Returns "" or
+// "corrupt descriptor at offset N". A short read sets f.truncated and
+// returns "" with the descriptors unchanged.
 std::string blr_load_descs(blr_file &f);
 
 // Appends to `out` the live records of the levels in `level_mask` (bit n =
 // level n) whose position is at least the level's next_pos, and advances
 // next_pos past them. Incomplete, overwritten and malformed records are
-// skipped (malformed and torn ones are counted in f.stats).
+// skipped (malformed and torn ones are counted in f.stats). A short read
+// sets f.truncated and ends the collection; the records copied before it
+// stay in `out`. Does nothing on a file already marked truncated.
 void blr_collect(blr_file &f, std::uint32_t level_mask, std::uint32_t file_index,
 		 std::vector<blr_record> &out);
 
@@ -135,5 +161,14 @@ struct blr_cat_options {
 // rendering per record followed by a newline, and with `follow` keeps
 // printing new records until *stop. A file that cannot be used gives one
 // line "blcat: <path>: <reason>" on `err`. Returns 0, or 1 after an error.
+//
+// Follow keeps to each path as tail -F does. When the path comes to name
+// another file that is a valid trace (the writer's restart renames the old
+// file to "<path>.1" and creates a new one), the old file's last records are
+// printed, "blcat: <path> has been replaced; following new file" goes to
+// `err`, and the new file is printed from its start. When the file shrinks
+// or its header changes in place, "blcat: <path>: file truncated" goes to
+// `err` and nothing is read from it until the path holds a valid trace
+// again, which is then printed from its start.
 int blr_cat(std::span<const char *const> paths, const blr_cat_options &opt, std::FILE *out,
 	    std::FILE *err);
