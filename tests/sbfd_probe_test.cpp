@@ -49,8 +49,9 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 }
 
 // A reflector on a loopback address of its own, answering per a script:
-// 'r' reply, 'x' ignore, 'o' reply for another discriminator, 'd' reply twice.
-void scripted_reflector(int fd, std::string script)
+// 'r' reply, 'x' ignore, 'o' reply for another discriminator, 'd' reply twice,
+// 'f' forge: the reply sent from each socket of `forgers` instead.
+void scripted_reflector(int fd, std::string script, std::vector<int> forgers = {})
 {
 	for (char step : script) {
 		bfd_ctrl_pkt p;
@@ -62,22 +63,35 @@ void scripted_reflector(int fd, std::string script)
 		p.flags = static_cast<std::uint8_t>(BFD_STATE_UP << 6);
 		if (step == 'o')
 			p.your_disc = htonl(ntohl(p.your_disc) + 1);
-		for (int i = 0; i < (step == 'd' ? 2 : step == 'x' ? 0 : 1); i++)
+		for (int i = 0; i < (step == 'd' ? 2 : step == 'x' || step == 'f' ? 0 : 1); i++)
 			sendto(fd, &p, sizeof p, 0, reinterpret_cast<sockaddr *>(&from), fl);
+		for (int forger : step == 'f' ? forgers : std::vector<int>{})
+			sendto(forger, &p, sizeof p, 0, reinterpret_cast<sockaddr *>(&from), fl);
 	}
 }
 
-TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateAndForeign)
+// A UDP socket bound to `addr`:`port` (host order).
+unique_fd bound_udp(std::uint32_t addr, std::uint16_t port)
+{
+	unique_fd fd{socket(AF_INET, SOCK_DGRAM, 0)};
+	const sockaddr_in a{AF_INET, htons(port), {htonl(addr)}, {}};
+	EXPECT_EQ(bind(fd.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+	return fd;
+}
+
+TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateForeignAndWrongSource)
 {
 	// 127.77.x.y from the pid, so parallel runs do not share the port.
-	sockaddr_in a{AF_INET, htons(SBFD_PORT), {htonl(0x7f4d0000u | (static_cast<std::uint32_t>(getpid()) & 0xffff))}, {}};
-	unique_fd fd{socket(AF_INET, SOCK_DGRAM, 0)};
-	ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << strerror(errno);
+	const std::uint32_t addr = 0x7f4d0000u | (static_cast<std::uint32_t>(getpid()) & 0xffff);
+	const unique_fd fd = bound_udp(addr, SBFD_PORT);
+	// Forgers: the target's address from another port, another address from 7784.
+	const unique_fd wrong_port = bound_udp(addr, 0), wrong_addr = bound_udp(addr ^ 0x10000, SBFD_PORT);
+	ASSERT_TRUE(fd.get() >= 0 && wrong_port.get() >= 0 && wrong_addr.get() >= 0);
 	timeval tv{5, 0};
 	setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-	std::thread refl(scripted_reflector, fd.get(), "rxodr");
+	std::thread refl(scripted_reflector, fd.get(), "rxodrf", std::vector<int>{wrong_port.get(), wrong_addr.get()});
 	// A timeout below the interval writes a lost probe off before the next.
-	const ping_options opt{.target = a.sin_addr, .count = 5, .interval_s = 0.3, .timeout_s = 0.2,
+	const ping_options opt{.target = {htonl(addr)}, .count = 6, .interval_s = 0.3, .timeout_s = 0.2,
 			       .params = {.my_disc = 1234, .your_disc = 99}};
 	ping_stats st;
 	std::string err;
@@ -90,12 +104,21 @@ TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateAndForeign)
 	const std::string output(text, text_len);
 	std::free(text);
 	ASSERT_EQ(rc, PING_OK) << err;
-	// Probe 2 is lost, probe 3's reply is for someone else, and the second
-	// reply to probe 4 finds no probe waiting.
-	EXPECT_EQ(std::tuple(st.sent, st.received, st.late, st.foreign), std::tuple(5u, 3u, 1u, 1u));
+	// Probe 2 is lost, probe 3's reply is for someone else, the second
+	// reply to probe 4 finds no probe waiting, and probe 6 has only forged
+	// replies, which answer nothing.
+	EXPECT_EQ(std::tuple(st.sent, st.received, st.late, st.foreign, st.wrong_source), std::tuple(6u, 3u, 1u, 1u, 2u));
 	EXPECT_TRUE(st.rtt_min_ms > 0 && st.rtt_min_ms <= st.rtt_max_ms) << st.rtt_min_ms << " " << st.rtt_max_ms;
 	EXPECT_NE(output.find("(not for us)"), std::string::npos) << output;
-	EXPECT_EQ(output.find("seq=2 "), std::string::npos) << output;
+	for (const char *absent : {"seq=2 ", "seq=6 "})
+		EXPECT_EQ(output.find(absent), std::string::npos) << output;
+	// One line per forged reply, naming its source.
+	std::size_t lines = 0;
+	for (std::size_t at = 0; (at = output.find(" (wrong source)\n", at)) != std::string::npos; at++)
+		lines++;
+	EXPECT_EQ(lines, 2u) << output;
+	const std::string forger = "24 bytes from " + std::string(inet_ntoa(in_addr{htonl(addr ^ 0x10000)})) + ":7784: ";
+	EXPECT_NE(output.find(forger), std::string::npos) << output;
 }
 
 }  // namespace

@@ -472,6 +472,18 @@ void prober::receive(std::deque<std::pair<std::uint32_t, double>> *waiting)
 		return;
 	std::size_t len = static_cast<std::size_t>(n);
 	bfd_ctrl_pkt pkt;
+	// Anyone may send to our port: only the target's 7784 answers.
+	if (from.sin_addr.s_addr != opt.target.s_addr || from.sin_port != htons(SBFD_PORT)) {
+		st->wrong_source++;
+		if (opt.quiet)
+			return;
+		if (probe_decode({buf, len}, &pkt))
+			std::fprintf(out, "%s (wrong source)\n", probe_format_reply(pkt, len, from, 0, -1).c_str());
+		else
+			std::fprintf(out, "%zd bytes from %s:%u: (wrong source)\n", n,
+				     ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port));
+		return;
+	}
 	if (!probe_decode({buf, len}, &pkt)) {
 		st->foreign++;
 		if (!opt.quiet)
@@ -572,6 +584,8 @@ void ping_print_summary(const ping_options &opt, const ping_stats &st, std::FILE
 		std::fprintf(out, ", %llu late", static_cast<unsigned long long>(st.late));
 	if (st.foreign)
 		std::fprintf(out, ", %llu other", static_cast<unsigned long long>(st.foreign));
+	if (st.wrong_source)
+		std::fprintf(out, ", %llu from a wrong source", static_cast<unsigned long long>(st.wrong_source));
 	std::fprintf(out, "\n");
 	if (st.received) {
 		double n = static_cast<double>(st.received);

@@ -20,7 +20,10 @@
 // Discriminator is ours is matched to the oldest probe still waiting. A probe
 // that waited longer than the timeout is written off; a reply that comes
 // after all probes were answered or written off is reported as late and is
-// not counted.
+// not counted. Only a datagram from the target's address and port 7784 can
+// be a reply (RFC 7881 section 3: replies leave the reflector from 7784):
+// one from anywhere else, whatever it holds, is reported as from a wrong
+// source and counted apart, so that a forged reply never counts.
 #pragma once
 
 #include <netinet/in.h>
@@ -147,6 +150,7 @@ struct ping_stats {
 	std::uint64_t received = 0;   // replies matched to a probe
 	std::uint64_t late = 0;       // replies with our discriminator and no probe waiting
 	std::uint64_t foreign = 0;    // replies for another discriminator, or malformed
+	std::uint64_t wrong_source = 0;  // datagrams not from the target's address and port 7784
 	double rtt_min_ms = 0, rtt_max_ms = 0, rtt_sum_ms = 0, rtt_sum2_ms = 0;
 	double elapsed_ms = 0;
 };
