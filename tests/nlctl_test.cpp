@@ -1,9 +1,12 @@
-// nlctl_test.cpp -- the control agent's library: argument validation. The
-// message bytes, the "nobody there" errors and the pid file are met end to
-// end (tools_test, fault_test).
+// nlctl_test.cpp -- the control agent's library: argument validation and
+// the pid file's forms. The message bytes, the "nobody there" errors and
+// pid files that are no regular files are met end to end (tools_test,
+// fault_test).
 #include "nlctl.h"
 
 #include <gtest/gtest.h>
+
+#include "testutil.h"
 
 namespace {
 
@@ -28,8 +31,40 @@ TEST(Nlctl, ArgumentsAreDecimalsWithinRangeAndUsableAddresses)
 	std::string err;
 	EXPECT_TRUE(nlctl_parse_ipv4("198.51.100.7", &v, &err));
 	EXPECT_EQ(v, 0xc6336407u);
-	for (const char *bad : {"", "198.51.100", "198.51.100.256", "198.51.100.7 ", "0.0.0.0", "255.255.255.255", "::1"})
+	for (const char *bad : {"", "198.51.100", "198.51.100.256", "198.51.100.7 ", "0.0.0.0", "255.255.255.255", "::1",
+				"0.1.2.3", "127.0.0.1", "224.0.0.5", "239.255.255.255", "240.0.0.1"})
 		EXPECT_FALSE(nlctl_parse_ipv4(bad, &v, &err)) << bad;
+	EXPECT_NE(err.find("cannot be a source address"), std::string::npos) << err;
+}
+
+// A pid with an optional newline, in at most 32 bytes; nothing else.
+TEST(Nlctl, PidFileHoldsADecimalPidAndAtMostANewline)
+{
+	testutil::temp_dir dir;
+	const std::tuple<std::string, pid_t, const char *> cases[] = {  // content, pid read (0: refused), message part
+		{"4242\n", 4242, ""},
+		{"4242", 4242, ""},
+		{std::string(27, '0') + "4242\n", 4242, ""},  // 32 bytes
+		{std::string(28, '0') + "4242\n", 0, "more than 32 bytes"},
+		{"", 0, "expected a decimal number"},
+		{"\n", 0, "expected a decimal number"},
+		{"4242\n\n", 0, "expected a decimal number"},
+		{"4242\nfoo\n", 0, "expected a decimal number"},
+		{" 4242\n", 0, "expected a decimal number"},
+		{"42\x1b[2J\n", 0, "expected a decimal number"},
+		{"0\n", 0, "out of range"},
+		{"2147483648\n", 0, "out of range"},
+	};
+	for (const auto &[content, want, why] : cases) {
+		const std::string path = dir.file("orv.pid");
+		std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+		pid_t pid = 0;
+		std::string err;
+		EXPECT_EQ(nlctl_read_pidfile(path.c_str(), &pid, &err), want != 0) << content;
+		EXPECT_EQ(pid, want) << content;
+		EXPECT_NE(err.find(why), std::string::npos) << content << ": " << err;
+		EXPECT_EQ(err.find('\x1b'), std::string::npos) << "the file's text reaches the terminal";
+	}
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 // Every message sets all four values and the daemon cannot be asked for its
 // current ones, so all four are required: a default would silently change
 // what the operator did not mean to change. Nothing is sent unless every
-// value is valid. Exit status: 0 sent, 1 daemon not reachable, 2 bad usage.
+// value is valid, and the source an address the daemon can send from: it
+// ends when it cannot. Exit status: 0 sent, 1 daemon not reachable or the
+// source no address of its namespace, 2 bad usage.
 #include <getopt.h>
 
 #include <cstdio>
@@ -124,7 +126,7 @@ int main(int argc, char **argv)
 		}
 		pid = static_cast<std::uint32_t>(p);
 	}
-	int rc = nlctl_send(static_cast<pid_t>(pid), netns, nlctl_encode(cfg, 1), &err);
+	int rc = nlctl_send_config(static_cast<pid_t>(pid), netns, cfg, 1, &err);
 	if (rc != NLCTL_OK) {
 		std::fprintf(stderr, "orvalindwarden-ctl: %s\n", err.c_str());
 		return 1;

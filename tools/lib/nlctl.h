@@ -46,21 +46,43 @@ std::array<std::uint8_t, NLCTL_MSG_LEN> nlctl_encode(const nlctl_config &c, std:
 bool nlctl_parse_u32(const char *text, std::uint32_t lo, std::uint32_t hi, std::uint32_t *out,
 		     std::string *err);
 
-// Parses a dotted-quad IPv4 address into a host-order integer; 0.0.0.0 and
-// 255.255.255.255 are refused (the daemon cannot send from them).
+// Parses a dotted-quad IPv4 address into a host-order integer. Addresses no
+// S-BFD packet may come from (ipv4_martian: 0.0.0.0/8, loopback, multicast,
+// reserved, broadcast) are refused: the daemon cannot send from them.
 bool nlctl_parse_ipv4(const char *text, std::uint32_t *host_order, std::string *err);
 
-// Reads the daemon's pid from `path` (one decimal number and a newline, as
-// the daemon writes it). Returns false with a message in *err.
+// The largest pid file read: a pid (at most 10 digits) and a newline, with room.
+constexpr std::size_t NLCTL_PIDFILE_MAX = 32;
+
+// Reads the daemon's pid from `path`, a regular file of at most
+// NLCTL_PIDFILE_MAX bytes holding one decimal number and an optional
+// newline, as the daemon writes it. Anything else (a device such as
+// /dev/zero, a FIFO, a larger file, other text) is refused unread or after
+// that many bytes. Returns false with a message in *err.
 bool nlctl_read_pidfile(const char *path, pid_t *pid, std::string *err);
 
 constexpr int NLCTL_OK = 0;
 constexpr int NLCTL_ERR_NO_PROCESS = 1;  // no process of that pid
 constexpr int NLCTL_ERR_NO_PORT = 2;     // nobody bound netlink port `pid` (ECONNREFUSED)
 constexpr int NLCTL_ERR_SYSTEM = 3;      // socket, namespace or send failure
+constexpr int NLCTL_ERR_SOURCE = 4;      // the source is no address of the namespace
 
 // Sends `msg` to netlink port `pid` from a NETLINK_USERSOCK socket created in
 // network namespace `netns` ("default": the caller's). Returns NLCTL_OK or a
 // code above, with a message in *err.
 int nlctl_send(pid_t pid, const char *netns, const std::array<std::uint8_t, NLCTL_MSG_LEN> &msg,
 	       std::string *err);
+
+// Checks that the daemon in namespace `netns` can send from `src_ip` (host
+// order): a UDP socket created there binds it (any port), as the daemon's
+// transmit socket must. The daemon ends when it cannot. Returns NLCTL_OK,
+// NLCTL_ERR_SOURCE or NLCTL_ERR_SYSTEM, with a message in *err.
+int nlctl_check_source(const char *netns, std::uint32_t src_ip, std::string *err);
+
+// What orvalindwarden-ctl does: the checks of nlctl_send (process, netlink
+// socket in `netns`), NLCTL_ERR_NO_PORT at once for a process that
+// /proc shows in another namespace, then nlctl_check_source, then sends the
+// message of `c` with sequence number `seq`. Nothing is sent unless all
+// pass. Returns NLCTL_OK or a code above, with a message in *err.
+int nlctl_send_config(pid_t pid, const char *netns, const nlctl_config &c, std::uint32_t seq,
+		      std::string *err);
