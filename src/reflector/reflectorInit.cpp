@@ -424,7 +424,6 @@ int addr_watch_fail(reflector_vrf *vrf)
 
 int init_addr_watch(reflector_vrf *vrf)
 {
-	TRACE(TRACE_FUNC, "init_addr_watch");
 	vrf->addrfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_ROUTE, vrf->name);
 	if (vrf->addrfd == -1) {
 		TRACE(TRACE_ERROR, "ERROR: Failed to create address watch, netnsSocketAt() returns -1, errno %d",

@@ -1088,14 +1088,14 @@ std::int32_t local_addr_read(reflector_vrf *vrf, int fd)
 	return static_cast<std::int32_t>(n);
 }
 
-void rx_addr_ready(int fd, short what, void *arg)
+void rx_addr_ready(int fd, short, void *arg)
 {
 	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
 	if (vrf == nullptr) {
 		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
 		return;
 	}
-	TRACE(TRACE_EVENT, "EVENT: Got an address event on socket %d:%s%s [%s]", static_cast<std::int32_t>(fd),
-	      (what & EV_READ) ? " read" : "", (what & EV_WRITE) ? " write" : "", vrf->name);
+	// Not traced at level 2: that level holds the request and control
+	// sockets' readiness alone; the changes themselves are traced.
 	local_addr_read(vrf, fd);
 }
