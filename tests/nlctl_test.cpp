@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "argparse.h"
 #include "testutil.h"
 
 namespace {
@@ -21,7 +22,7 @@ TEST(Nlctl, ArgumentsAreDecimalsWithinRangeAndUsableAddresses)
 	for (const auto &c : cases) {
 		std::uint32_t v = 12345;
 		std::string err;
-		EXPECT_EQ(nlctl_parse_u32(c.text, c.lo, 0xffffffff, &v, &err), c.ok) << "'" << c.text << "'";
+		EXPECT_EQ(arg_parse_u32(c.text, c.lo, 0xffffffff, &v, &err), c.ok) << "'" << c.text << "'";
 		if (c.ok)
 			EXPECT_EQ(v, std::stoul(c.text)) << c.text;
 		else

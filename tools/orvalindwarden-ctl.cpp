@@ -14,6 +14,7 @@
 #include <cstring>
 #include <string>
 
+#include "argparse.h"
 #include "nlctl.h"
 
 namespace {
@@ -71,18 +72,18 @@ int main(int argc, char **argv)
 	while ((c = getopt_long(argc, argv, "p:f:n:d:r:s:UAh", longopts, nullptr)) != -1) {
 		switch (c) {
 		case 'p':
-			if (!nlctl_parse_u32(optarg, 1, 0x7fffffff, &pid, &err))
+			if (!arg_parse_u32(optarg, 1, 0x7fffffff, &pid, &err))
 				return bad("pid: " + err);
 			break;
 		case 'f': pidfile = optarg; break;
 		case 'n': netns = optarg; break;
 		case 'd':
-			if (!nlctl_parse_u32(optarg, 1, 0xffffffff, &cfg.disc, &err))
+			if (!arg_parse_u32(optarg, 1, 0xffffffff, &cfg.disc, &err))
 				return bad("discriminator: " + err);
 			have_disc = true;
 			break;
 		case 'r':
-			if (!nlctl_parse_u32(optarg, 0, 0xffffffff, &cfg.min_rx, &err))
+			if (!arg_parse_u32(optarg, 0, 0xffffffff, &cfg.min_rx, &err))
 				return bad("min-rx: " + err);
 			have_rx = true;
 			break;

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <string>
 
-#include "nlctl.h"
+#include "argparse.h"
 #include "sbfd_probe.h"
 
 namespace {
@@ -94,7 +94,7 @@ int main(int argc, char **argv)
 	while ((c = getopt_long(argc, argv, "c:i:W:I:qh", longopts, nullptr)) != -1) {
 		switch (c) {
 		case 'c':
-			if (!nlctl_parse_u32(optarg, 1, 0xffffffff, &v, &err))
+			if (!arg_parse_u32(optarg, 1, 0xffffffff, &v, &err))
 				return bad("count: " + err);
 			opt.count = v;
 			break;
@@ -116,11 +116,11 @@ int main(int argc, char **argv)
 		case 'q': opt.quiet = true; break;
 		case 'h': usage(stdout); return 0;
 		case OPT_MY:
-			if (!nlctl_parse_u32(optarg, 1, 0xffffffff, &opt.params.my_disc, &err))
+			if (!arg_parse_u32(optarg, 1, 0xffffffff, &opt.params.my_disc, &err))
 				return bad("my-disc: " + err);
 			break;
 		case OPT_YOUR:
-			if (!nlctl_parse_u32(optarg, 1, 0xffffffff, &opt.params.your_disc, &err))
+			if (!arg_parse_u32(optarg, 1, 0xffffffff, &opt.params.your_disc, &err))
 				return bad("your-disc: " + err);
 			have_your = true;
 			break;
@@ -133,26 +133,26 @@ int main(int argc, char **argv)
 				return bad(std::string("state: '") + optarg + "' (expected up or down)");
 			break;
 		case OPT_MULT:
-			if (!nlctl_parse_u32(optarg, 1, 255, &v, &err))
+			if (!arg_parse_u32(optarg, 1, 255, &v, &err))
 				return bad("multiplier: " + err);
 			opt.params.multiplier = static_cast<std::uint8_t>(v);
 			break;
 		case OPT_MINTX:
-			if (!nlctl_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_tx_us, &err))
+			if (!arg_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_tx_us, &err))
 				return bad("min-tx: " + err);
 			break;
 		case OPT_MINRX:
-			if (!nlctl_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_rx_us, &err))
+			if (!arg_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_rx_us, &err))
 				return bad("min-rx: " + err);
 			break;
 		case OPT_ECHO:
-			if (!nlctl_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_echo_rx_us, &err))
+			if (!arg_parse_u32(optarg, 0, 0xffffffff, &opt.params.min_echo_rx_us, &err))
 				return bad("min-echo-rx: " + err);
 			break;
 		case OPT_POLL: opt.params.poll = true; break;
 		case OPT_MPLS: opt.mpls_iface = optarg; break;
 		case OPT_MAC: {
-			std::array<std::uint8_t, 6> mac;
+			std::array<std::uint8_t, ETH_ADDR_LEN> mac;
 			if (!probe_parse_mac(optarg, mac.data()))
 				return bad(std::string("dst-mac: '") + optarg + "' (expected aa:bb:cc:dd:ee:ff)");
 			opt.dst_mac = mac;

@@ -22,6 +22,8 @@
 #include <type_traits>
 #include <unistd.h>
 
+#include "wire.h"
+
 namespace {
 
 constexpr std::uint64_t BLR_MAX_RING = 1048576ull * 1024;  // the writer's largest level, bytes
@@ -32,16 +34,6 @@ constexpr const char *BLR_MISSING = "<?>";
 // of BL_MAX_RECORD past the first one's start.
 constexpr std::size_t BLR_CHUNK = 64 * 1024;
 static_assert(BLR_CHUNK % 8 == 0 && BLR_CHUNK >= 2 * BL_MAX_RECORD);
-constexpr std::uint64_t HDR_DESC_USED = 40;   // header offset of desc_used
-constexpr std::uint64_t HDR_CREATED_NS = 56;  // header offset of created_ns
-constexpr std::uint64_t LVL_HEAD = 16;        // level entry offset of head
-
-template <typename T> T load(const unsigned char *p)
-{
-	T v;
-	std::memcpy(&v, p, sizeof v);
-	return v;
-}
 
 std::string u64s(std::uint64_t v) { return std::to_string(v); }
 
@@ -52,7 +44,7 @@ const unsigned char *level_entry(const unsigned char *base, std::uint32_t i)
 
 std::uint64_t head_offset(std::uint32_t level)
 {
-	return BL_LEVEL_TABLE_OFF + std::uint64_t{level} * BL_LEVEL_ENTRY_SIZE + LVL_HEAD;
+	return BL_LEVEL_TABLE_OFF + std::uint64_t{level} * BL_LEVEL_ENTRY_SIZE + BL_LVL_HEAD;
 }
 
 // Copies `len` bytes at `off` of the file into `dst`. False, with f.truncated
@@ -89,7 +81,7 @@ bool read_u64(blr_file &f, std::uint64_t off, std::uint64_t *v)
 	unsigned char b[8];
 	if (!read_at(f, off, b, sizeof b))
 		return false;
-	*v = load<std::uint64_t>(b);
+	*v = load_host<std::uint64_t>(b);
 	return true;
 }
 
@@ -222,20 +214,20 @@ std::string check_header(const unsigned char *b, std::uint64_t avail, std::uint6
 {
 	if (avail < sizeof BL_MAGIC || std::memcmp(b, BL_MAGIC, sizeof BL_MAGIC) != 0)
 		return "not a trace file";
-	if (n < 12)
+	if (n < BL_HDR_VERSION + sizeof(std::uint32_t))
 		return "truncated (" + u64s(n) + " bytes, header is " + u64s(BL_HEADER_SIZE) + ")";
-	const auto version = load<std::uint32_t>(b + 8);
+	const auto version = load_host<std::uint32_t>(b + BL_HDR_VERSION);
 	if (version != BL_VERSION)
 		return "unsupported trace file version " + u64s(version);
 	if (n < BL_HEADER_SIZE)
 		return "truncated (" + u64s(n) + " bytes, header is " + u64s(BL_HEADER_SIZE) + ")";
-	if (load<std::uint32_t>(b + 12) != BL_HEADER_SIZE)
-		return "corrupt header (header size " + u64s(load<std::uint32_t>(b + 12)) + ")";
-	const auto nlevels = load<std::uint32_t>(b + 16);
+	if (load_host<std::uint32_t>(b + BL_HDR_HEADER_SIZE) != BL_HEADER_SIZE)
+		return "corrupt header (header size " + u64s(load_host<std::uint32_t>(b + BL_HDR_HEADER_SIZE)) + ")";
+	const auto nlevels = load_host<std::uint32_t>(b + BL_HDR_NLEVELS);
 	if (nlevels < 1 || nlevels > BL_MAX_LEVELS)
 		return "corrupt header (" + u64s(nlevels) + " levels)";
-	const auto desc_off = load<std::uint64_t>(b + 24);
-	const auto desc_size = load<std::uint64_t>(b + 32);
+	const auto desc_off = load_host<std::uint64_t>(b + BL_HDR_DESC_OFF);
+	const auto desc_size = load_host<std::uint64_t>(b + BL_HDR_DESC_SIZE);
 	if (desc_off != BL_HEADER_SIZE || desc_size == 0 || desc_size % 8 != 0 ||
 	    desc_size > BLR_MAX_DESC_AREA)
 		return "corrupt header (descriptor area " + u64s(desc_off) + "+" + u64s(desc_size) + ")";
@@ -244,8 +236,8 @@ std::string check_header(const unsigned char *b, std::uint64_t avail, std::uint6
 	std::uint64_t expect = desc_off + desc_size;
 	for (std::uint32_t i = 0; i < nlevels; i++) {
 		const unsigned char *l = level_entry(b, i);
-		const auto off = load<std::uint64_t>(l);
-		const auto size = load<std::uint64_t>(l + 8);
+		const auto off = load_host<std::uint64_t>(l + BL_LVL_RING_OFF);
+		const auto size = load_host<std::uint64_t>(l + BL_LVL_RING_SIZE);
 		if (off != expect || size == 0 || size % 8 != 0 || size > BLR_MAX_RING)
 			return "corrupt header (level " + u64s(i) + " ring " + u64s(off) + "+" +
 			       u64s(size) + ")";
@@ -261,14 +253,14 @@ std::string check_header(const unsigned char *b, std::uint64_t avail, std::uint6
 // Takes the validated header `b` into `f`.
 void take_header(blr_file &f, const unsigned char *b)
 {
-	f.nlevels = load<std::uint32_t>(b + 16);
-	f.desc_size = load<std::uint64_t>(b + 32);
-	f.created_ns = load<std::uint64_t>(b + HDR_CREATED_NS);
+	f.nlevels = load_host<std::uint32_t>(b + BL_HDR_NLEVELS);
+	f.desc_size = load_host<std::uint64_t>(b + BL_HDR_DESC_SIZE);
+	f.created_ns = load_host<std::uint64_t>(b + BL_HDR_CREATED_NS);
 	f.levels.resize(f.nlevels);
 	f.next_pos.assign(f.nlevels, 0);
 	for (std::uint32_t i = 0; i < f.nlevels; i++) {
-		f.levels[i].ring_off = load<std::uint64_t>(level_entry(b, i));
-		f.levels[i].ring_size = load<std::uint64_t>(level_entry(b, i) + 8);
+		f.levels[i].ring_off = load_host<std::uint64_t>(level_entry(b, i) + BL_LVL_RING_OFF);
+		f.levels[i].ring_size = load_host<std::uint64_t>(level_entry(b, i) + BL_LVL_RING_SIZE);
 	}
 }
 
@@ -352,7 +344,7 @@ std::string blr_attach(blr_file &f, std::span<const unsigned char> image, const 
 std::string blr_load_descs(blr_file &f)
 {
 	std::uint64_t used;
-	if (!read_u64(f, HDR_DESC_USED, &used))
+	if (!read_u64(f, BL_HDR_DESC_USED, &used))
 		return "";
 	used = std::min(used, f.desc_size);
 	// Entries are only ever added: nothing new unless the area grew or
@@ -369,14 +361,14 @@ std::string blr_load_descs(blr_file &f)
 	while (o + BL_DESC_HDR_SIZE <= used) {
 		const std::uint64_t at = BL_HEADER_SIZE + o;
 		const std::string corrupt = "corrupt descriptor at offset " + u64s(at);
-		const auto entry_len = load<std::uint32_t>(area + o);
+		const auto entry_len = load_host<std::uint32_t>(area + o + BL_DESC_ENTRY_LEN);
 		if (entry_len == 0) {
 			partial = true;  // reserved, not yet written, or the writer died there
 			break;
 		}
-		if (entry_len % 8 != 0 || entry_len < 24 || entry_len > f.desc_size - o)
+		if (entry_len % 8 != 0 || entry_len < BL_DESC_MIN_LEN || entry_len > f.desc_size - o)
 			return corrupt;
-		const auto magic = load<std::uint32_t>(area + o + 4);
+		const auto magic = load_host<std::uint32_t>(area + o + BL_DESC_MAGIC_OFF);
 		if (magic != BL_DESC_MAGIC) {
 			if (magic != 0)
 				return corrupt;
@@ -390,19 +382,19 @@ std::string blr_load_descs(blr_file &f)
 		}
 		const unsigned char *e = area + o;
 		blr_desc d;
-		d.msg_id = load<std::uint32_t>(e + 8);
-		d.line = load<std::uint32_t>(e + 12);
-		const std::uint32_t file_len = load<std::uint16_t>(e + 16);
-		const std::uint32_t fmt_len = load<std::uint16_t>(e + 18);
-		const std::uint32_t nargs = e[20];
+		d.msg_id = load_host<std::uint32_t>(e + BL_DESC_MSG_ID);
+		d.line = load_host<std::uint32_t>(e + BL_DESC_LINE);
+		const std::uint32_t file_len = load_host<std::uint16_t>(e + BL_DESC_FILE_LEN);
+		const std::uint32_t fmt_len = load_host<std::uint16_t>(e + BL_DESC_FMT_LEN);
+		const std::uint32_t nargs = e[BL_DESC_NARGS];
 		if (d.msg_id == 0 || nargs > BL_MAX_ARGS ||
-		    BL_DESC_HDR_SIZE + nargs + file_len + fmt_len > entry_len)
+		    BL_DESC_TYPES + nargs + file_len + fmt_len > entry_len)
 			return corrupt;
-		d.types.assign(e + BL_DESC_HDR_SIZE, e + BL_DESC_HDR_SIZE + nargs);
+		d.types.assign(e + BL_DESC_TYPES, e + BL_DESC_TYPES + nargs);
 		for (std::uint8_t t : d.types)
 			if (!valid_type(t))
 				return corrupt;
-		const char *text = reinterpret_cast<const char *>(e + BL_DESC_HDR_SIZE + nargs);
+		const char *text = reinterpret_cast<const char *>(e + BL_DESC_TYPES + nargs);
 		d.file.assign(text, file_len);
 		d.fmt.assign(text + file_len, fmt_len);
 		descs.push_back(std::move(d));
@@ -446,7 +438,7 @@ bool blr_decode_values(std::span<const unsigned char> body, std::vector<blr_valu
 		case BL_T_U32: w = 4; break;
 		case BL_T_S64:
 		case BL_T_U64: w = 8; break;
-		case BL_T_CHARP: w = 2; break;
+		case BL_T_CHARP: w = BL_TEXT_LEN_SIZE; break;
 		}
 		if (w == 0 || n - i < w)
 			return false;
@@ -457,20 +449,20 @@ bool blr_decode_values(std::span<const unsigned char> body, std::vector<blr_valu
 			v.bits = b[i];
 			break;
 		case BL_T_U8: v.bits = b[i]; break;
-		case BL_T_U16: v.bits = load<std::uint16_t>(b + i); break;
-		case BL_T_U32: v.bits = load<std::uint32_t>(b + i); break;
-		case BL_T_U64: v.bits = load<std::uint64_t>(b + i); break;
+		case BL_T_U16: v.bits = load_host<std::uint16_t>(b + i); break;
+		case BL_T_U32: v.bits = load_host<std::uint32_t>(b + i); break;
+		case BL_T_U64: v.bits = load_host<std::uint64_t>(b + i); break;
 		case BL_T_S32:
 			v.bits = static_cast<std::uint64_t>(
-				static_cast<std::int64_t>(load<std::int32_t>(b + i)));
+				static_cast<std::int64_t>(load_host<std::int32_t>(b + i)));
 			break;
-		case BL_T_S64: v.bits = load<std::uint64_t>(b + i); break;
+		case BL_T_S64: v.bits = load_host<std::uint64_t>(b + i); break;
 		case BL_T_CHARP: {
-			const std::size_t tlen = load<std::uint16_t>(b + i);
-			if (n - i - 2 < tlen)
+			const std::size_t tlen = load_host<std::uint16_t>(b + i);
+			if (n - i - BL_TEXT_LEN_SIZE < tlen)
 				return false;
-			v.text.assign(reinterpret_cast<const char *>(b + i + 2), tlen);
-			w = 2 + tlen;
+			v.text.assign(reinterpret_cast<const char *>(b + i + BL_TEXT_LEN_SIZE), tlen);
+			w = BL_TEXT_LEN_SIZE + tlen;
 			break;
 		}
 		}
@@ -528,11 +520,11 @@ void blr_collect(blr_file &f, std::uint32_t level_mask, std::uint32_t file_index
 				c_hi = p + want;
 			}
 			const unsigned char *rec = chunk.get() + (p - c_lo);
-			if (load<std::uint64_t>(rec) != ~p) {
+			if (load_host<std::uint64_t>(rec + BL_REC_STAMP) != ~p) {
 				p += 8;
 				continue;
 			}
-			const std::uint32_t len = load<std::uint32_t>(rec + 8);
+			const std::uint32_t len = load_host<std::uint32_t>(rec + BL_REC_LEN);
 			if (len < BL_REC_HDR_SIZE || len % 8 != 0 || len > reach) {
 				f.stats.malformed++;
 				p += 8;
@@ -547,8 +539,8 @@ void blr_collect(blr_file &f, std::uint32_t level_mask, std::uint32_t file_index
 			r.pos = p;
 			r.level = lv;
 			r.file_index = file_index;
-			r.msg_id = load<std::uint32_t>(rec + 12);
-			r.time_ns = load<std::uint64_t>(rec + 16);
+			r.msg_id = load_host<std::uint32_t>(rec + BL_REC_MSG_ID);
+			r.time_ns = load_host<std::uint64_t>(rec + BL_REC_TIME_NS);
 			if (!blr_decode_values({rec + BL_REC_HDR_SIZE, len - BL_REC_HDR_SIZE}, r.values)) {
 				f.stats.malformed++;
 				p += len;
@@ -726,7 +718,7 @@ bool unchanged(blr_file &f)
 	struct stat st;
 	std::uint64_t created;
 	return fstat(f.fd, &st) == 0 && static_cast<std::uint64_t>(st.st_size) == f.size &&
-	       read_u64(f, HDR_CREATED_NS, &created) && created == f.created_ns;
+	       read_u64(f, BL_HDR_CREATED_NS, &created) && created == f.created_ns;
 }
 
 // Follow by name: the file to read from now on for `p` when its path names

@@ -43,6 +43,8 @@
 #include <type_traits>
 #include <unistd.h>
 
+#include "wire.h"
+
 #if defined(__x86_64__)
 #include <x86intrin.h>
 #define BL_HAVE_TSC 1
@@ -68,23 +70,6 @@ constexpr std::uint64_t BL_CALIBRATE_NS = 4 * 1000000;     // start-up rate meas
 constexpr unsigned BL_MULT_SHIFT = 32;                     // mult = ns per cycle << 32
 constexpr std::uint64_t BL_CLAMP_NS = 1000000;  // a step back below 1 ms is interpolation error
 
-// Header field offsets, as the format grammar in brevlog.h gives them.
-constexpr std::size_t HDR_MAGIC = 0;
-constexpr std::size_t HDR_VERSION = 8;
-constexpr std::size_t HDR_HEADER_SIZE = 12;
-constexpr std::size_t HDR_NLEVELS = 16;
-constexpr std::size_t HDR_PID = 20;
-constexpr std::size_t HDR_DESC_OFF = 24;
-constexpr std::size_t HDR_DESC_SIZE = 32;
-constexpr std::size_t HDR_DESC_USED = 40;
-constexpr std::size_t HDR_NEXT_ID = 48;
-constexpr std::size_t HDR_CREATED_NS = 56;
-constexpr std::size_t LVL_RING_OFF = 0;
-constexpr std::size_t LVL_RING_SIZE = 8;
-constexpr std::size_t LVL_HEAD = 16;
-static_assert(HDR_CREATED_NS + 8 == BL_LEVEL_TABLE_OFF);
-static_assert(BL_DESC_HDR_SIZE == 21);
-static_assert(BL_REC_HDR_SIZE == 8 + 4 + 4 + 8);
 
 // One record being built: the whole record (header included) is staged here
 // and copied into its ring by bl_endMsg.
@@ -160,8 +145,6 @@ struct bl_log {
 };
 
 namespace {
-
-template <typename T> void store_le(unsigned char *p, T v) { std::memcpy(p, &v, sizeof v); }
 
 std::uint64_t clock_ns(clockid_t id)
 {
@@ -379,11 +362,11 @@ template <typename T> inline void put_value(bl_log *h, int level, bl_type type, 
 	if (!h)
 		return;
 	bl_open_record *r = open_record(h, level);
-	if (!r || r->used + 1 + sizeof(T) > BL_MAX_RECORD)
+	if (!r || r->used + BL_VALUE_TAG_LEN + sizeof(T) > BL_MAX_RECORD)
 		return;
 	r->buf[r->used] = type;
-	std::memcpy(r->buf + r->used + 1, v, sizeof(T));
-	r->used += 1 + sizeof(T);
+	std::memcpy(r->buf + r->used + BL_VALUE_TAG_LEN, v, sizeof(T));
+	r->used += BL_VALUE_TAG_LEN + sizeof(T);
 }
 
 void put_fmt(void *desc, bl_type type)
@@ -437,8 +420,8 @@ void commit(bl_log *h, bl_open_record *r)
 	const std::uint32_t len = (r->used + 7u) & ~7u;
 	if (len > ring->size)
 		return;
-	store_le<std::uint64_t>(r->buf + r->used, 0);  // the padding, and a little beyond
-	store_le<std::uint32_t>(r->buf + 8, len);
+	store_host<std::uint64_t>(r->buf + r->used, 0);  // the padding, and a little beyond
+	store_host<std::uint32_t>(r->buf + BL_REC_LEN, len);
 
 	// Reserve [start, start + len): a record never crosses the ring's end.
 	std::uint64_t old = std::atomic_ref<std::uint64_t>(*ring->head).load(std::memory_order_relaxed);
@@ -451,8 +434,9 @@ void commit(bl_log *h, bl_open_record *r)
 	} while (!head_cas(ring->head, &old, start + len));
 
 	unsigned char *dst = ring->data + ring_offset(ring, start);
-	copy_words(dst + 8, r->buf + 8, len - 8);
-	std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t *>(dst))
+	static_assert(BL_REC_STAMP == 0 && BL_REC_LEN == 8, "the stamp is the first word, stored last");
+	copy_words(dst + BL_REC_LEN, r->buf + BL_REC_LEN, len - BL_REC_LEN);
+	std::atomic_ref<std::uint64_t>(*reinterpret_cast<std::uint64_t *>(dst + BL_REC_STAMP))
 		.store(~start, std::memory_order_release);
 }
 
@@ -519,26 +503,26 @@ bool make_dirs(const char *dir)
 void write_header(bl_log *h, const std::uint64_t kib[], std::uint32_t n)
 {
 	unsigned char *b = h->base;
-	std::memcpy(b + HDR_MAGIC, BL_MAGIC, sizeof BL_MAGIC);
-	store_le<std::uint32_t>(b + HDR_VERSION, BL_VERSION);
-	store_le<std::uint32_t>(b + HDR_HEADER_SIZE, BL_HEADER_SIZE);
-	store_le<std::uint32_t>(b + HDR_NLEVELS, n);
-	store_le<std::uint32_t>(b + HDR_PID, static_cast<std::uint32_t>(getpid()));
-	store_le<std::uint64_t>(b + HDR_DESC_OFF, BL_HEADER_SIZE);
-	store_le<std::uint64_t>(b + HDR_DESC_SIZE, BL_DESC_AREA_SIZE);
-	store_le<std::uint64_t>(b + HDR_DESC_USED, 0);
-	store_le<std::uint32_t>(b + HDR_NEXT_ID, 1);
-	store_le<std::uint64_t>(b + HDR_CREATED_NS, now_ns());
+	std::memcpy(b + BL_HDR_MAGIC, BL_MAGIC, sizeof BL_MAGIC);
+	store_host<std::uint32_t>(b + BL_HDR_VERSION, BL_VERSION);
+	store_host<std::uint32_t>(b + BL_HDR_HEADER_SIZE, BL_HEADER_SIZE);
+	store_host<std::uint32_t>(b + BL_HDR_NLEVELS, n);
+	store_host<std::uint32_t>(b + BL_HDR_PID, static_cast<std::uint32_t>(getpid()));
+	store_host<std::uint64_t>(b + BL_HDR_DESC_OFF, BL_HEADER_SIZE);
+	store_host<std::uint64_t>(b + BL_HDR_DESC_SIZE, BL_DESC_AREA_SIZE);
+	store_host<std::uint64_t>(b + BL_HDR_DESC_USED, 0);
+	store_host<std::uint32_t>(b + BL_HDR_NEXT_ID, 1);
+	store_host<std::uint64_t>(b + BL_HDR_CREATED_NS, now_ns());
 	std::uint64_t off = BL_HEADER_SIZE + BL_DESC_AREA_SIZE;
 	for (std::uint32_t i = 0; i < n; i++) {
 		unsigned char *l = b + BL_LEVEL_TABLE_OFF + i * BL_LEVEL_ENTRY_SIZE;
 		const std::uint64_t size = kib[i] * 1024;
-		store_le<std::uint64_t>(l + LVL_RING_OFF, off);
-		store_le<std::uint64_t>(l + LVL_RING_SIZE, size);
-		store_le<std::uint64_t>(l + LVL_HEAD, 0);
+		store_host<std::uint64_t>(l + BL_LVL_RING_OFF, off);
+		store_host<std::uint64_t>(l + BL_LVL_RING_SIZE, size);
+		store_host<std::uint64_t>(l + BL_LVL_HEAD, 0);
 		h->rings[i].data = b + off;
 		h->rings[i].size = size;
-		h->rings[i].head = reinterpret_cast<std::uint64_t *>(l + LVL_HEAD);
+		h->rings[i].head = reinterpret_cast<std::uint64_t *>(l + BL_LVL_HEAD);
 		h->rings[i].mask = (size & (size - 1)) == 0 ? size - 1 : 0;
 		off += size;
 	}
@@ -852,7 +836,7 @@ void bl_msgDescInit(bl_log *h, void *desc, std::uint32_t *id, const char *file, 
 	if (!bl_isInitialized(h))
 		return;
 	std::atomic_ref<std::uint32_t> next(
-		*reinterpret_cast<std::uint32_t *>(h->base + HDR_NEXT_ID));
+		*reinterpret_cast<std::uint32_t *>(h->base + BL_HDR_NEXT_ID));
 	b->msg_id = next.fetch_add(1, std::memory_order_relaxed);
 	if (id)
 		*id = b->msg_id;
@@ -872,8 +856,8 @@ void bl_startMsg(bl_log *h, std::uint64_t *slot, std::uint32_t id, int level)
 		bl_open_record *r = &h->stack[d];
 		r->level = level;
 		r->used = BL_REC_HDR_SIZE;
-		store_le<std::uint32_t>(r->buf + 12, id);
-		store_le<std::uint64_t>(r->buf + 16, record_time(h, d));
+		store_host<std::uint32_t>(r->buf + BL_REC_MSG_ID, id);
+		store_host<std::uint64_t>(r->buf + BL_REC_TIME_NS, record_time(h, d));
 	}
 	if (slot)
 		*slot = static_cast<std::uint64_t>(d) + 1;
@@ -899,16 +883,17 @@ void bl_put_type_charp(bl_log *h, int level, const char *const *v)
 	if (!h)
 		return;
 	bl_open_record *r = open_record(h, level);
-	if (!r || r->used + 3 > BL_MAX_RECORD)
+	constexpr std::uint32_t TEXT_HDR = BL_VALUE_TAG_LEN + BL_TEXT_LEN_SIZE;  // 3
+	if (!r || r->used + TEXT_HDR > BL_MAX_RECORD)
 		return;
 	const char *s = *v ? *v : "(null)";
 	// A text longer than the room left is cut to fit.
-	const std::size_t room = BL_MAX_RECORD - r->used - 3;
+	const std::size_t room = BL_MAX_RECORD - r->used - TEXT_HDR;
 	const std::size_t n = strnlen(s, room < BL_MAX_TEXT ? room : BL_MAX_TEXT);
 	r->buf[r->used] = BL_T_CHARP;
-	store_le<std::uint16_t>(r->buf + r->used + 1, static_cast<std::uint16_t>(n));
-	std::memcpy(r->buf + r->used + 3, s, n);
-	r->used += static_cast<std::uint32_t>(3 + n);
+	store_host<std::uint16_t>(r->buf + r->used + BL_VALUE_TAG_LEN, static_cast<std::uint16_t>(n));
+	std::memcpy(r->buf + r->used + TEXT_HDR, s, n);
+	r->used += static_cast<std::uint32_t>(TEXT_HDR + n);
 }
 
 void bl_put_type_s32(bl_log *h, int level, const std::int32_t *v) { put_value(h, level, BL_T_S32, v); }
@@ -939,24 +924,24 @@ void bl_finish(void *desc)
 	// then show as an unknown message).
 	const std::uint64_t desc_size = BL_DESC_AREA_SIZE;
 	std::atomic_ref<std::uint64_t> used(
-		*reinterpret_cast<std::uint64_t *>(h->base + HDR_DESC_USED));
+		*reinterpret_cast<std::uint64_t *>(h->base + BL_HDR_DESC_USED));
 	const std::uint64_t off = used.fetch_add(len, std::memory_order_relaxed);
 	if (off + len > desc_size || off % 8 != 0)
 		return;
 
 	unsigned char *e = h->base + BL_HEADER_SIZE + off;
-	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e))
+	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e + BL_DESC_ENTRY_LEN))
 		.store(static_cast<std::uint32_t>(len), std::memory_order_relaxed);
-	store_le<std::uint32_t>(e + 8, b->msg_id);
-	store_le<std::uint32_t>(e + 12, static_cast<std::uint32_t>(b->line));
-	store_le<std::uint16_t>(e + 16, static_cast<std::uint16_t>(file_len));
-	store_le<std::uint16_t>(e + 18, static_cast<std::uint16_t>(fmt_len));
-	e[20] = b->nargs;
-	std::memcpy(e + BL_DESC_HDR_SIZE, b->types, b->nargs);
-	std::memcpy(e + BL_DESC_HDR_SIZE + b->nargs, b->file, file_len);
-	std::memcpy(e + BL_DESC_HDR_SIZE + b->nargs + file_len, fmt, fmt_len);
+	store_host<std::uint32_t>(e + BL_DESC_MSG_ID, b->msg_id);
+	store_host<std::uint32_t>(e + BL_DESC_LINE, static_cast<std::uint32_t>(b->line));
+	store_host<std::uint16_t>(e + BL_DESC_FILE_LEN, static_cast<std::uint16_t>(file_len));
+	store_host<std::uint16_t>(e + BL_DESC_FMT_LEN, static_cast<std::uint16_t>(fmt_len));
+	e[BL_DESC_NARGS] = b->nargs;
+	std::memcpy(e + BL_DESC_TYPES, b->types, b->nargs);
+	std::memcpy(e + BL_DESC_TYPES + b->nargs, b->file, file_len);
+	std::memcpy(e + BL_DESC_TYPES + b->nargs + file_len, fmt, fmt_len);
 	std::memset(e + body, 0, len - body);
-	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e + 4))
+	std::atomic_ref<std::uint32_t>(*reinterpret_cast<std::uint32_t *>(e + BL_DESC_MAGIC_OFF))
 		.store(BL_DESC_MAGIC, std::memory_order_release);
 }
 

@@ -107,6 +107,48 @@ constexpr std::uint32_t BL_MAX_RECORD = 2048;       // bytes of one record, head
 constexpr std::uint64_t BL_DESC_AREA_SIZE = 256 * 1024;
 static_assert(BL_LEVEL_TABLE_OFF + BL_MAX_LEVELS * BL_LEVEL_ENTRY_SIZE <= BL_HEADER_SIZE);
 
+// Offsets of the fields of the grammar above, each from the start of its
+// part: the header (from the file's start), a level entry, a descriptor
+// entry and a record. The writer and the reader use these names only.
+constexpr std::uint32_t BL_HDR_MAGIC = 0;
+constexpr std::uint32_t BL_HDR_VERSION = 8;
+constexpr std::uint32_t BL_HDR_HEADER_SIZE = 12;
+constexpr std::uint32_t BL_HDR_NLEVELS = 16;
+constexpr std::uint32_t BL_HDR_PID = 20;
+constexpr std::uint32_t BL_HDR_DESC_OFF = 24;
+constexpr std::uint32_t BL_HDR_DESC_SIZE = 32;
+constexpr std::uint32_t BL_HDR_DESC_USED = 40;
+constexpr std::uint32_t BL_HDR_NEXT_ID = 48;
+constexpr std::uint32_t BL_HDR_CREATED_NS = 56;
+static_assert(BL_HDR_VERSION == sizeof BL_MAGIC && BL_HDR_CREATED_NS + 8 == BL_LEVEL_TABLE_OFF);
+
+constexpr std::uint32_t BL_LVL_RING_OFF = 0;
+constexpr std::uint32_t BL_LVL_RING_SIZE = 8;
+constexpr std::uint32_t BL_LVL_HEAD = 16;
+static_assert(BL_LVL_HEAD + 8 + 8 == BL_LEVEL_ENTRY_SIZE);  // head, reserved
+
+constexpr std::uint32_t BL_DESC_ENTRY_LEN = 0;
+constexpr std::uint32_t BL_DESC_MAGIC_OFF = 4;
+constexpr std::uint32_t BL_DESC_MSG_ID = 8;
+constexpr std::uint32_t BL_DESC_LINE = 12;
+constexpr std::uint32_t BL_DESC_FILE_LEN = 16;
+constexpr std::uint32_t BL_DESC_FMT_LEN = 18;
+constexpr std::uint32_t BL_DESC_NARGS = 20;
+constexpr std::uint32_t BL_DESC_TYPES = 21;
+constexpr std::uint32_t BL_DESC_MIN_LEN = 24;  // the fixed part and padding to 8
+static_assert(BL_DESC_TYPES == BL_DESC_HDR_SIZE && BL_DESC_MIN_LEN == (BL_DESC_HDR_SIZE + 7) / 8 * 8);
+
+constexpr std::uint32_t BL_REC_STAMP = 0;
+constexpr std::uint32_t BL_REC_LEN = 8;
+constexpr std::uint32_t BL_REC_MSG_ID = 12;
+constexpr std::uint32_t BL_REC_TIME_NS = 16;
+static_assert(BL_REC_TIME_NS + 8 == BL_REC_HDR_SIZE);
+
+// A value: its bl_type tag, then the value; a text's value is its u16
+// length, then its bytes.
+constexpr std::uint32_t BL_VALUE_TAG_LEN = 1;
+constexpr std::uint32_t BL_TEXT_LEN_SIZE = 2;
+
 // Name of a bl_type for messages; "unknown" for a value that is not one.
 const char *bl_type_name(std::uint8_t type);
 

@@ -1,66 +1,12 @@
 // reflector.h -- shared types of the S-BFD reflector daemon (RFC 7880, 7881):
-// configuration, the one context record, the shared session store, the
-// session table's lists and nodes, the BFD control packet, and the functions
-// that cross source files.
+// configuration, the one context record, the session table's lists and
+// nodes, the own addresses, and the functions that cross source files, in
+// the order a received frame meets them.
 //
-// Shared session store: a POSIX shared-memory object named "orvalindwarden"
-// followed by NSPATH with every "/" turned into "-", 69720 bytes, host byte
-// order except source_ip (network order). Readers outside the daemon rely on
-// this layout; it is fixed by the static_asserts below.
-//
-//   store     := header slot[512]
-//   header    (88 bytes)
-//     0  u64 rx_drops             frames dropped by the receive path
-//     8  u64 tx_sends             replies sent with their full length
-//     16 u64 rx_valid_pkts        control packets that passed validation
-//     24 u32 pkt_truncated        rejected: shorter than a control packet
-//     28 u32 bad_version          rejected: version not 1
-//     32 u32 invalid_pkt_len      rejected: Length above the received length
-//     36 u32 invalid_src_port     rejected: UDP source port 7784
-//     40 u32 demand_mode_unset    rejected: D bit clear
-//     44 u32 invalid_detect_mult  rejected: Detect Mult 0
-//     48 u32 invalid_my_disc      rejected: My Discriminator 0
-//     52 u32 your_disc_unmatch    rejected: Your Discriminator not ours
-//     56 u32 invalid_bfd_state    rejected: state AdminDown or Init
-//     60 u32 unsupported          frames of a kind not handled (EtherType, labels)
-//     64 u32 invalid_pkt_format   frames whose IP payload is not UDP
-//     68 u32 sendto_fail          failed send attempts
-//     72 u32 wrong_len_sent       sends that returned a length other than 24
-//     76 u32 rx_hash_miss         lookups without a session, this counting period
-//     80 u32 rx_hash_hit          lookups that found their session, this period
-//     84 u32 rx_hash_trim         sessions evicted, this period
-//   slot k    (136 bytes at 88 + 136 k; in use when discriminator != 0)
-//     0   u32 discriminator        initiator's My Discriminator
-//     4   u32 source_ip            initiator's IPv4 address, network order
-//     8   u32 desired_min_tx       last request's Desired Min TX Interval, us
-//     12  u32 required_min_rx      last request's Required Min RX Interval, us
-//     16  u32 required_min_echo_rx last request's Required Min Echo RX Interval, us
-//     20  u32 min_period           smallest gap between requests, us (0: none yet)
-//     24  u32 max_period           largest gap between requests, us
-//     28  u32 your_disc            last request's Your Discriminator
-//     32  u16 source_port          initiator's UDP source port
-//     34  u8  detect_multiplier    last request's Detect Mult
-//     35  u8  state                last request's State (0..3)
-//     36  u8  prev_state           received state before the last change
-//     37  u8  diag                 last request's Diagnostic
-//     38  u8  version              last request's Version
-//     39  u8  demand               last request's D bit
-//     40  u8  final                last request's F bit
-//     41  u8  poll                 last request's P bit
-//     42  u8  length               last request's Length
-//     43  u8  tx_state             State of the last reply
-//     44  u8  prev_tx_state        State of the reply before the last
-//     45  u8  tx_diag              Diagnostic of the last reply
-//     46  u8[2] reserved           zero
-//     48  u64 num_received         requests received
-//     56  u64 period_sum           sum of gaps between requests, us
-//     64  ts  last_rx              time of the last request
-//     80  ts  last_state_change    first request or last change of received state
-//     96  u64 num_sent             replies sent
-//     104 ts  last_tx              time of the last reply
-//     120 ts  last_tx_state_change time of the first reply and of each reply
-//                                  following a change of sent state
-//   ts        := s64 seconds, s64 nanoseconds (CLOCK_REALTIME)
+// What other programs share with the daemon lives in src/wire and is
+// included from here: the frames and the BFD control packet (wire.h), the
+// netlink control message (wire.h) and the shared session store with its
+// object name (store.h).
 #pragma once
 
 #include <linux/filter.h>
@@ -68,34 +14,18 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <type_traits>
+
+#include "store.h"
+#include "wire.h"
 
 struct event_base;
 struct event;
 
-// S-BFD control port of RFC 7881 section 3: requests' destination, replies' source.
-constexpr std::uint16_t SBFD_PORT = 7784;
-constexpr std::uint32_t MAX_SESSIONS = 512;
 constexpr std::uint32_t SESSION_HASH_BUCKETS = 2048;
 constexpr std::uint32_t SESSION_HASH_MASK = SESSION_HASH_BUCKETS - 1;  // 0x7FF
 static_assert((SESSION_HASH_BUCKETS & SESSION_HASH_MASK) == 0, "bucket count is a power of two");
-// The hash counters restart whenever rx_valid_pkts is a multiple of 512.
-constexpr std::uint64_t HASH_PERIOD_MASK = MAX_SESSIONS - 1;  // 0x1FF
 constexpr std::size_t RX_BUF_LEN = 65536;  // receive buffer of frames and netlink datagrams
-
-// True when no S-BFD packet may be sent to, or from, the IPv4 address
-// `addr` (host byte order): "this network" 0.0.0.0/8, loopback 127.0.0.0/8,
-// multicast 224.0.0.0/4, reserved 240.0.0.0/4 and the limited broadcast
-// 255.255.255.255 (RFC 1122 section 3.2.1.3, RFC 5735). Such a source on a
-// request is forged: the packet sockets see frames before the kernel's
-// martian filtering, so the reply path refuses these destinations itself.
-constexpr bool ipv4_martian(std::uint32_t addr)
-{
-	const std::uint32_t first = addr >> 24;
-	return first == 0 || first == 127 || first >= 224;
-}
-static_assert(ipv4_martian(0x7f000001) && ipv4_martian(0xe0000001) && ipv4_martian(0xffffffff) &&
-	      ipv4_martian(0x00000000) && !ipv4_martian(0xc0000201) && !ipv4_martian(0xdfffffff));
+static_assert(RX_READ_LIMIT <= RX_BUF_LEN);
 
 // init_socket / init_out_socket / reflector_init results.
 constexpr int INIT_OK = 0;
@@ -115,135 +45,6 @@ struct reflector_config {
 	std::uint8_t persist;         // -S: keep the shared store of the previous run
 };
 extern reflector_config reflector_cfg;
-
-// Time stamp as stored in the shared store.
-struct shm_timestamp {
-	std::int64_t tv_sec;   // seconds since the epoch, CLOCK_REALTIME
-	std::int64_t tv_nsec;  // nanoseconds, 0 .. 999999999
-};
-static_assert(sizeof(shm_timestamp) == 16);
-
-// One initiator's session slot in the shared store (layout in the file comment).
-struct reflector_session {
-	std::uint32_t discriminator;         // initiator's My Discriminator, host order; 0: free
-	std::uint32_t source_ip;             // initiator's IPv4 address, network order
-	std::uint32_t desired_min_tx;        // last request's Desired Min TX Interval, us
-	std::uint32_t required_min_rx;       // last request's Required Min RX Interval, us
-	std::uint32_t required_min_echo_rx;  // last request's Required Min Echo RX Interval, us
-	std::uint32_t min_period;            // smallest gap between requests, us; 0 until known
-	std::uint32_t max_period;            // largest gap between requests, us
-	std::uint32_t your_disc;             // last request's Your Discriminator, host order
-	std::uint16_t source_port;           // initiator's UDP source port, host order
-	std::uint8_t detect_multiplier;      // last request's Detect Mult
-	std::uint8_t state;                  // last request's State, 0..3
-	std::uint8_t prev_state;             // received state before the last change
-	std::uint8_t diag;                   // last request's Diagnostic
-	std::uint8_t version;                // last request's Version
-	std::uint8_t demand;                 // last request's D bit, 0 or 1
-	std::uint8_t final;                  // last request's F bit, 0 or 1
-	std::uint8_t poll;                   // last request's P bit, 0 or 1
-	std::uint8_t length;                 // last request's Length byte
-	std::uint8_t tx_state;               // State sent in the last reply
-	std::uint8_t prev_tx_state;          // State sent in the reply before the last
-	std::uint8_t tx_diag;                // Diagnostic sent in the last reply
-	std::uint8_t reserved[2];            // zero
-	std::uint64_t num_received;          // requests received, count
-	std::uint64_t period_sum;            // sum of gaps between requests, us
-	shm_timestamp last_rx;               // time of the last request
-	shm_timestamp last_state_change;     // first request or last change of received state
-	std::uint64_t num_sent;              // replies sent, count
-	shm_timestamp last_tx;               // time of the last reply
-	shm_timestamp last_tx_state_change;  // first reply, replies after a sent-state change
-};
-static_assert(std::is_trivially_copyable_v<reflector_session>);
-static_assert(sizeof(reflector_session) == 136);
-static_assert(offsetof(reflector_session, discriminator) == 0);
-static_assert(offsetof(reflector_session, source_ip) == 4);
-static_assert(offsetof(reflector_session, desired_min_tx) == 8);
-static_assert(offsetof(reflector_session, required_min_rx) == 12);
-static_assert(offsetof(reflector_session, required_min_echo_rx) == 16);
-static_assert(offsetof(reflector_session, min_period) == 20);
-static_assert(offsetof(reflector_session, max_period) == 24);
-static_assert(offsetof(reflector_session, your_disc) == 28);
-static_assert(offsetof(reflector_session, source_port) == 32);
-static_assert(offsetof(reflector_session, detect_multiplier) == 34);
-static_assert(offsetof(reflector_session, state) == 35);
-static_assert(offsetof(reflector_session, prev_state) == 36);
-static_assert(offsetof(reflector_session, diag) == 37);
-static_assert(offsetof(reflector_session, version) == 38);
-static_assert(offsetof(reflector_session, demand) == 39);
-static_assert(offsetof(reflector_session, final) == 40);
-static_assert(offsetof(reflector_session, poll) == 41);
-static_assert(offsetof(reflector_session, length) == 42);
-static_assert(offsetof(reflector_session, tx_state) == 43);
-static_assert(offsetof(reflector_session, prev_tx_state) == 44);
-static_assert(offsetof(reflector_session, tx_diag) == 45);
-static_assert(offsetof(reflector_session, reserved) == 46);
-static_assert(offsetof(reflector_session, num_received) == 48);
-static_assert(offsetof(reflector_session, period_sum) == 56);
-static_assert(offsetof(reflector_session, last_rx) == 64);
-static_assert(offsetof(reflector_session, last_state_change) == 80);
-static_assert(offsetof(reflector_session, num_sent) == 96);
-static_assert(offsetof(reflector_session, last_tx) == 104);
-static_assert(offsetof(reflector_session, last_tx_state_change) == 120);
-
-// The shared session store: global counters, then the session slots.
-struct reflector_shm {
-	std::uint64_t rx_drops;             // frames dropped by the receive path, count
-	std::uint64_t tx_sends;             // replies sent with their full length, count
-	std::uint64_t rx_valid_pkts;        // control packets that passed validation, count
-	std::uint32_t pkt_truncated;        // rejected: shorter than 24 bytes, count
-	std::uint32_t bad_version;          // rejected: version not 1, count
-	std::uint32_t invalid_pkt_len;      // rejected: Length above received length, count
-	std::uint32_t invalid_src_port;     // rejected: UDP source port 7784, count
-	std::uint32_t demand_mode_unset;    // rejected: D bit clear, count
-	std::uint32_t invalid_detect_mult;  // rejected: Detect Mult 0, count
-	std::uint32_t invalid_my_disc;      // rejected: My Discriminator 0, count
-	std::uint32_t your_disc_unmatch;    // rejected: Your Discriminator not ours, count
-	std::uint32_t invalid_bfd_state;    // rejected: state AdminDown or Init, count
-	std::uint32_t unsupported;          // frames of an unhandled kind, count
-	std::uint32_t invalid_pkt_format;   // frames whose IP payload is not UDP, count
-	std::uint32_t sendto_fail;          // failed send attempts, count
-	std::uint32_t wrong_len_sent;       // sends of a length other than 24, count
-	std::uint32_t rx_hash_miss;         // lookups without a session this period, count
-	std::uint32_t rx_hash_hit;          // lookups that found their session this period, count
-	std::uint32_t rx_hash_trim;         // evictions this period, count
-	reflector_session sessions[MAX_SESSIONS];  // slot k at 88 + 136 k
-};
-constexpr std::size_t SHM_HEADER_SIZE = 88;
-constexpr std::size_t SHM_SIZE = SHM_HEADER_SIZE + MAX_SESSIONS * sizeof(reflector_session);
-static_assert(SHM_SIZE == 69720);
-static_assert(sizeof(reflector_shm) == SHM_SIZE);
-static_assert(std::is_trivially_copyable_v<reflector_shm>);
-static_assert(offsetof(reflector_shm, rx_drops) == 0);
-static_assert(offsetof(reflector_shm, tx_sends) == 8);
-static_assert(offsetof(reflector_shm, rx_valid_pkts) == 16);
-static_assert(offsetof(reflector_shm, pkt_truncated) == 24);
-static_assert(offsetof(reflector_shm, bad_version) == 28);
-static_assert(offsetof(reflector_shm, invalid_pkt_len) == 32);
-static_assert(offsetof(reflector_shm, invalid_src_port) == 36);
-static_assert(offsetof(reflector_shm, demand_mode_unset) == 40);
-static_assert(offsetof(reflector_shm, invalid_detect_mult) == 44);
-static_assert(offsetof(reflector_shm, invalid_my_disc) == 48);
-static_assert(offsetof(reflector_shm, your_disc_unmatch) == 52);
-static_assert(offsetof(reflector_shm, invalid_bfd_state) == 56);
-static_assert(offsetof(reflector_shm, unsupported) == 60);
-static_assert(offsetof(reflector_shm, invalid_pkt_format) == 64);
-static_assert(offsetof(reflector_shm, sendto_fail) == 68);
-static_assert(offsetof(reflector_shm, wrong_len_sent) == 72);
-static_assert(offsetof(reflector_shm, rx_hash_miss) == 76);
-static_assert(offsetof(reflector_shm, rx_hash_hit) == 80);
-static_assert(offsetof(reflector_shm, rx_hash_trim) == 84);
-static_assert(offsetof(reflector_shm, sessions) == SHM_HEADER_SIZE);
-
-// Name of the shared-memory object: "orvalindwarden" + NSPATH, "/" -> "-".
-constexpr std::size_t SHM_NAME_LEN = 256;   // buffer, zero-filled, last byte always 0
-constexpr char SHM_NAME_PREFIX[] = "orvalindwarden";
-constexpr std::size_t SHM_NSPATH_MAX = 241;  // characters of NSPATH kept, bytes 14..254
-static_assert(sizeof(SHM_NAME_PREFIX) - 1 + SHM_NSPATH_MAX == SHM_NAME_LEN - 1);
-
-// Builds the object name for `nspath` (nullptr: unset) into `name`.
-void shm_store_name(char name[SHM_NAME_LEN], const char *nspath);
 
 // Intrusive circular doubly linked list link; a head of an empty list
 // points to itself both ways.
@@ -376,72 +177,6 @@ struct reflector_vrf {
 	local_addr_table local_addrs;             // own addresses; empty while addrfd is 0
 };
 
-// BFD control packet, mandatory part (RFC 5880 section 4.1), as on the wire:
-// multi-byte fields in network byte order. Decoded from and encoded to a
-// frame buffer with memcpy, never by casting the buffer.
-struct bfd_ctrl_pkt {
-	std::uint8_t vers_diag;              // Vers (bits 7-5), Diag (bits 4-0)
-	std::uint8_t flags;                  // Sta (bits 7-6), P, F, C, A, D, M
-	std::uint8_t detect_multiplier;      // Detect Mult
-	std::uint8_t length;                 // Length, bytes
-	std::uint32_t my_disc;               // My Discriminator, network order
-	std::uint32_t your_disc;             // Your Discriminator, network order
-	std::uint32_t min_tx_interval;       // Desired Min TX Interval, us, network order
-	std::uint32_t min_rx_interval;       // Required Min RX Interval, us, network order
-	std::uint32_t min_echo_rx_interval;  // Required Min Echo RX Interval, us, network order
-};
-constexpr std::size_t BFD_PKT_LEN = 24;
-static_assert(sizeof(bfd_ctrl_pkt) == BFD_PKT_LEN);
-static_assert(std::is_trivially_copyable_v<bfd_ctrl_pkt>);
-static_assert(offsetof(bfd_ctrl_pkt, flags) == 1);
-static_assert(offsetof(bfd_ctrl_pkt, detect_multiplier) == 2);
-static_assert(offsetof(bfd_ctrl_pkt, length) == 3);
-static_assert(offsetof(bfd_ctrl_pkt, my_disc) == 4);
-static_assert(offsetof(bfd_ctrl_pkt, your_disc) == 8);
-static_assert(offsetof(bfd_ctrl_pkt, min_tx_interval) == 12);
-static_assert(offsetof(bfd_ctrl_pkt, min_rx_interval) == 16);
-static_assert(offsetof(bfd_ctrl_pkt, min_echo_rx_interval) == 20);
-
-// BFD states (RFC 5880 section 4.1, Sta).
-enum bfd_state : std::uint8_t {
-	BFD_STATE_ADMIN_DOWN = 0,
-	BFD_STATE_DOWN = 1,
-	BFD_STATE_INIT = 2,
-	BFD_STATE_UP = 3,
-};
-const char *bfd_state_name(std::uint8_t state);
-
-constexpr std::uint8_t BFD_VERSION = 1;
-constexpr std::uint8_t BFD_DIAG_ADMIN_DOWN = 7;  // Diag "Administratively Down"
-constexpr std::uint8_t BFD_FLAG_P = 0x20;        // Poll
-constexpr std::uint8_t BFD_FLAG_F = 0x10;        // Final
-constexpr std::uint8_t BFD_FLAG_C = 0x08;        // Control Plane Independent
-constexpr std::uint8_t BFD_FLAG_A = 0x04;        // Authentication Present
-constexpr std::uint8_t BFD_FLAG_D = 0x02;        // Demand
-constexpr std::uint8_t BFD_FLAG_M = 0x01;        // Multipoint
-
-inline std::uint8_t bfd_version(const bfd_ctrl_pkt &p) { return p.vers_diag >> 5; }
-inline std::uint8_t bfd_diag(const bfd_ctrl_pkt &p) { return p.vers_diag & 0x1f; }
-inline std::uint8_t bfd_state_of(const bfd_ctrl_pkt &p) { return p.flags >> 6; }
-
-// Netlink control message (NETLINK_USERSOCK, host byte order): nlmsghdr,
-// then this payload at offset 16 of a message of type REFLECTOR_NL_SET.
-//   16 u32 disc        new local discriminator
-//   20 u32 min_rx      new minimum receive interval, us
-//   24 u32 src_ip      new source address, host-order integer (a.b.c.d: a is the top byte)
-//   28 u8  adminDown   0 up, anything else administratively down
-constexpr std::uint16_t REFLECTOR_NL_SET = 16;
-struct reflector_nl_config {
-	std::uint32_t disc;      // new local discriminator, host order
-	std::uint32_t min_rx;    // new Required Min RX Interval, us, host order
-	std::uint32_t src_ip;    // new source address, host order
-	std::uint8_t adminDown;  // new administrative state
-};
-constexpr std::size_t NL_CONFIG_PAYLOAD_LEN = 13;  // bytes read after the header
-static_assert(offsetof(reflector_nl_config, min_rx) == 4);
-static_assert(offsetof(reflector_nl_config, src_ip) == 8);
-static_assert(offsetof(reflector_nl_config, adminDown) == 12);
-
 // Writes one record to the system log as the daemon ("SBFD_REFLECTOR", with
 // the pid, facility user), opening and closing the log around it. Only for
 // the start-up record and for faults of the environment that leave the
@@ -488,7 +223,27 @@ int init_out_socket(reflector_vrf *vrf);
 // REQUIRES: vrf->base set; vrf->addrfd 0.
 int init_addr_watch(reflector_vrf *vrf);
 
-// ---- reflectorRx.cpp: packet path, session table, report, control channel ----
+// ---- reflectorRx.cpp: reception and decapsulation ----
+
+// Read callback of both packet sockets: one frame per call.
+void rx_data_ready(int fd, short what, void *arg);
+
+// rx_handle_frame results.
+constexpr int RX_FRAME_DONE = 0;        // frame counted, dropped or answered
+constexpr int RX_FRAME_SHORT_SEND = 1;  // the reply went out short: an internal fault
+
+// The part of rx_data_ready after recvfrom: decapsulates, validates, counts
+// and answers the frame of `n` bytes at `buf`. Returns RX_FRAME_SHORT_SEND
+// (after counting wrong_len_sent and tracing) when sendto reported a length
+// other than 24; the caller must then stop the process.
+// REQUIRES: vrf non-null with its store and table set up; n > 0; buf holds
+// at least max(n, RX_READ_LIMIT) bytes, and those from n up to RX_READ_LIMIT
+// (110: the furthest decapsulation reads, a control packet after an MPLS
+// label and a 60-byte IPv4 header) are zero. The reply is written over the
+// request in `buf`.
+int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n);
+
+// ---- reflectorRx.cpp: validation ----
 
 // Validates one received control packet; counts the reason of a rejection,
 // or rx_valid_pkts when it passes. `len` is the bytes from the packet's start
@@ -497,8 +252,7 @@ int init_addr_watch(reflector_vrf *vrf);
 bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in from,
 		       reflector_vrf *vrf);
 
-// Rewrites a validated request into its reply, in place.
-void get_tx_data(bfd_ctrl_pkt *bfd);
+// ---- reflectorRx.cpp: session lookup and the session table ----
 
 // One-at-a-time hash step over the four bytes of `value`, low byte first,
 // starting from `initial`; with the final avalanche when `final` is nonzero.
@@ -516,12 +270,6 @@ session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator,
 // Checks the table's invariants; aborts through ENSURE when one is broken.
 void session_sanity_check(reflector_vrf *vrf);
 
-// Writes the whole table to the trace (level 5).
-void dump_hash_tbl(reflector_vrf *vrf);
-
-// Inserts `node` into sess_cache ordered by last_rx, newest first.
-void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node);
-
 // Start-up set-up of the table over the mapped store: allocates the nodes,
 // binds node k to slot k, fills free_list, and with reflector_cfg.persist
 // restores the slots in use (reflector_cache_reinit). Returns 0, or nonzero
@@ -531,28 +279,26 @@ int session_table_setup(reflector_vrf *vrf);
 // Re-enters the slots in use into the buckets and sess_cache (newest first).
 void reflector_cache_reinit(reflector_vrf *vrf);
 
+// Inserts `node` into sess_cache ordered by last_rx, newest first.
+void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node);
+
+// ---- reflectorRx.cpp: reply ----
+
+// Rewrites a validated request into its reply, in place.
+void get_tx_data(bfd_ctrl_pkt *bfd);
+
+// ---- reflectorRx.cpp: report ----
+
 // Writes the statistics report when rx_drops + rx_valid_pkts calls for one.
 void maybe_dump_stats(reflector_vrf *vrf);
 
 // Writes the two report lines of one session.
 void dump_session(session_node *node);
 
-// Read callback of both packet sockets: one frame per call.
-void rx_data_ready(int fd, short what, void *arg);
+// Writes the whole table to the trace (level 5).
+void dump_hash_tbl(reflector_vrf *vrf);
 
-// rx_handle_frame results.
-constexpr int RX_FRAME_DONE = 0;        // frame counted, dropped or answered
-constexpr int RX_FRAME_SHORT_SEND = 1;  // the reply went out short: an internal fault
-
-// The part of rx_data_ready after recvfrom: decapsulates, validates, counts
-// and answers the frame of `n` bytes at `buf`. Returns RX_FRAME_SHORT_SEND
-// (after counting wrong_len_sent and tracing) when sendto reported a length
-// other than 24; the caller must then stop the process.
-// REQUIRES: vrf non-null with its store and table set up; n > 0; buf holds
-// at least max(n, 110) bytes, and those from n up to 110 are zero (110: the
-// furthest decapsulation reads, a control packet after an MPLS label and a
-// 60-byte IPv4 header). The reply is written over the request in `buf`.
-int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n);
+// ---- reflectorRx.cpp: control channel ----
 
 // Read callback of the netlink socket: one datagram per call.
 void rx_netlink_ready(int fd, short what, void *arg);

@@ -10,6 +10,11 @@
 // before it is tested; a failure returns at once and leaves what it made in
 // the context for vrf_init's teardown, except in the address watch, which
 // the reflector does without: it undoes its own steps.
+//
+// The file reads as start-up runs: the context (vrf_init), its store, then
+// the sockets as init_socket opens them (transmit, the two packet sockets
+// with their filter programs, the netlink control socket) and last the
+// address watch, which init_socket opens before the control socket.
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -47,85 +52,20 @@ constexpr short READ_EVENT = EV_READ | EV_PERSIST;
 static_assert(READ_EVENT == 0x12);
 
 // EtherTypes as packet-socket protocols, network byte order.
-constexpr std::uint16_t ETH_P_IPV4_BE = __builtin_bswap16(0x0800);
-constexpr std::uint16_t ETH_P_MPLS_BE = __builtin_bswap16(0x8847);
+constexpr std::uint16_t ETH_P_IPV4_BE = __builtin_bswap16(ETH_TYPE_IPV4);
+constexpr std::uint16_t ETH_P_MPLS_BE = __builtin_bswap16(ETH_TYPE_MPLS);
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the constants above assume it");
 
+// The steps of start-up below vrf_init and init_socket, in their order.
+int shm_store_setup(reflector_vrf *vrf);
+bool shm_store_ours(int fd, const char *name);
+reflector_vrf *vrf_teardown(reflector_vrf *vrf);
+int open_ipv4_socket(reflector_vrf *vrf);
+int open_mpls_socket(reflector_vrf *vrf);
+int attach_filter(int fd, const sock_filter *prog, std::size_t len);
+int open_control_socket(reflector_vrf *vrf);
+
 }  // namespace
-
-// The filters read the frame from its Ethernet header on; offsets are bytes
-// from the frame's start. Opcodes: 0x28 ld half abs, 0x30 ld byte abs, 0x20
-// ld word abs, 0x48 ld half ind (X + k), 0xb1 ldx 4*(byte & 0xf), 0x15 jeq k,
-// 0x45 jset k, 0x54 and k, 0x06 ret k. A load beyond the frame drops it.
-const sock_filter sbfd_udp_filter[16] = {
-	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
-	{0x15, 0, 4, 0x000086dd},   // 1: IPv6? 2 : 6
-	{0x30, 0, 0, 0x00000014},   // 2: A = IPv6 Next Header
-	{0x15, 0, 11, 0x00000011},  // 3: UDP? 4 : 15
-	{0x28, 0, 0, 0x00000038},   // 4: A = UDP destination port (40-byte IPv6 header)
-	{0x15, 8, 9, 0x00001e68},   // 5: 7784? 14 : 15
-	{0x15, 0, 8, 0x00000800},   // 6: IPv4? 7 : 15
-	{0x30, 0, 0, 0x00000017},   // 7: A = IPv4 Protocol
-	{0x15, 0, 6, 0x00000011},   // 8: UDP? 9 : 15
-	{0x28, 0, 0, 0x00000014},   // 9: A = flags and fragment offset
-	{0x45, 4, 0, 0x00001fff},   // 10: non-first fragment? 15 : 11
-	{0xb1, 0, 0, 0x0000000e},   // 11: X = IPv4 header length
-	{0x48, 0, 0, 0x00000010},   // 12: A = UDP destination port (X + 16)
-	{0x15, 0, 1, 0x00001e68},   // 13: 7784? 14 : 15
-	{0x06, 0, 0, 0x0000ffff},   // 14: accept up to 65535 bytes
-	{0x06, 0, 0, 0x00000000},   // 15: drop
-};
-
-const sock_filter sbfd_mpls_filter[30] = {
-	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
-	{0x15, 0, 27, 0x00008847},  // 1: MPLS unicast? 2 : 29
-	{0x20, 0, 0, 0x0000000e},   // 2: A = first label stack entry
-	{0x45, 25, 0, 0xfffff000},  // 3: label != 0? 29 : 4
-	{0x30, 0, 0, 0x00000010},   // 4: A = byte 16 (TC, bottom of stack)
-	{0x54, 0, 0, 0x00000001},   // 5: A &= bottom-of-stack bit
-	{0x15, 0, 22, 0x00000001},  // 6: one label only? 7 : 29
-	{0x30, 0, 0, 0x00000012},   // 7: A = IP version / header length
-	{0x54, 0, 0, 0x000000f0},   // 8: A &= version nibble
-	{0x15, 0, 6, 0x00000060},   // 9: IPv6? 10 : 16
-	{0x30, 0, 0, 0x00000018},   // 10: A = IPv6 Next Header
-	{0x15, 2, 0, 0x00000084},   // 11: SCTP? 14 : 12
-	{0x15, 1, 0, 0x00000006},   // 12: TCP? 14 : 13
-	{0x15, 0, 15, 0x00000011},  // 13: UDP? 14 : 29
-	{0x28, 0, 0, 0x0000003c},   // 14: A = destination port (40-byte IPv6 header)
-	{0x15, 12, 13, 0x00001e68}, // 15: 7784? 28 : 29
-	{0x30, 0, 0, 0x00000012},   // 16: A = IP version / header length
-	{0x54, 0, 0, 0x000000f0},   // 17: A &= version nibble
-	{0x15, 0, 10, 0x00000040},  // 18: IPv4? 19 : 29
-	{0x30, 0, 0, 0x0000001b},   // 19: A = IPv4 Protocol
-	{0x15, 2, 0, 0x00000084},   // 20: SCTP? 23 : 21
-	{0x15, 1, 0, 0x00000006},   // 21: TCP? 23 : 22
-	{0x15, 0, 6, 0x00000011},   // 22: UDP? 23 : 29
-	{0x28, 0, 0, 0x00000018},   // 23: A = flags and fragment offset
-	{0x45, 4, 0, 0x00001fff},   // 24: non-first fragment? 29 : 25
-	{0xb1, 0, 0, 0x00000012},   // 25: X = IPv4 header length
-	{0x48, 0, 0, 0x00000014},   // 26: A = destination port (X + 20)
-	{0x15, 0, 1, 0x00001e68},   // 27: 7784? 28 : 29
-	{0x06, 0, 0, 0x0000ffff},   // 28: accept up to 65535 bytes
-	{0x06, 0, 0, 0x00000000},   // 29: drop
-};
-static_assert(sizeof sbfd_udp_filter / sizeof sbfd_udp_filter[0] == SBFD_UDP_FILTER_LEN);
-static_assert(sizeof sbfd_mpls_filter / sizeof sbfd_mpls_filter[0] == SBFD_MPLS_FILTER_LEN);
-static_assert(sizeof(sock_filter) == 8 && sizeof(sock_fprog) == 16);
-
-const char *bfd_state_name(std::uint8_t state)
-{
-	switch (static_cast<bfd_state>(state)) {
-	case BFD_STATE_ADMIN_DOWN:
-		return "AdminDown";
-	case BFD_STATE_DOWN:
-		return "Down";
-	case BFD_STATE_INIT:
-		return "Init";
-	case BFD_STATE_UP:
-		return "Up";
-	}
-	return "unknown";
-}
 
 void reflector_syslog(int priority, const char *fmt, ...)
 {
@@ -137,50 +77,44 @@ void reflector_syslog(int priority, const char *fmt, ...)
 	va_end(ap);
 }
 
-void shm_store_name(char name[SHM_NAME_LEN], const char *nspath)
+// ---- the context ----
+
+reflector_vrf *vrf_init()
 {
-	constexpr std::size_t PREFIX_LEN = sizeof SHM_NAME_PREFIX - 1;  // 14
-	std::memset(name, 0, SHM_NAME_LEN);
-	std::memcpy(name, SHM_NAME_PREFIX, PREFIX_LEN);
-	if (nspath == nullptr)
-		return;
-	// At most 241 characters, into bytes 14..254: byte 255 stays the terminator.
-	std::size_t n = strnlen(nspath, SHM_NSPATH_MAX);
-	for (std::size_t i = 0; i < n; i++)
-		name[PREFIX_LEN + i] = nspath[i] == '/' ? '-' : nspath[i];
+	TRACE(TRACE_FUNC, "vrf_init");
+
+	auto *vrf = static_cast<reflector_vrf *>(std::calloc(1, sizeof(reflector_vrf)));
+	if (vrf == nullptr)
+		return nullptr;
+	vrf->name = DEFAULT_NS;
+	vrf->base = event_base_new();
+	for (list_link &bucket : vrf->hash_tbl)
+		list_init(&bucket);
+	list_init(&vrf->sess_cache);
+	list_init(&vrf->free_list);  // filled by session_table_setup
+	ENSURE(vrf->base);
+
+	if (shm_store_setup(vrf) != 0)
+		return vrf_teardown(vrf);
+	// Traces its own message on failure.
+	if (session_table_setup(vrf) != 0)
+		return vrf_teardown(vrf);
+	if (reflector_init(vrf) != INIT_OK) {
+		TRACE(TRACE_ERROR, "ERROR: reflector initialization failed");
+		return vrf_teardown(vrf);
+	}
+	return vrf;
+}
+
+int reflector_init(reflector_vrf *vrf)
+{
+	TRACE(TRACE_FUNC, "reflector_init");
+	return init_socket(vrf);
 }
 
 namespace {
 
-// True when the store object open on `fd` may be taken: a regular file
-// owned by our effective user. Anyone may create the predictable name
-// first; whoever owns the object could forge every counter the operator
-// reads and end the daemon by truncating it. Our own object that others may
-// write (made under a umask of 0, say) is kept, its mode tightened.
-bool shm_store_ours(int fd, const char *name)
-{
-	struct stat st;
-	if (fstat(fd, &st) == -1) {
-		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: fstat: %s", name,
-				 std::strerror(errno));
-		return false;
-	}
-	if (!S_ISREG(st.st_mode)) {
-		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: not a regular file", name);
-		return false;
-	}
-	if (st.st_uid != geteuid()) {
-		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: owned by uid %u, not by uid %u", name,
-				 static_cast<unsigned>(st.st_uid), static_cast<unsigned>(geteuid()));
-		return false;
-	}
-	if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && fchmod(fd, SHM_MODE) == -1) {
-		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: others may write it and fchmod: %s",
-				 name, std::strerror(errno));
-		return false;
-	}
-	return true;
-}
+// ---- the shared session store ----
 
 // Maps the shared session store named after NSPATH into vrf->shm, cleared
 // unless reflector_cfg.persist. Returns 0, or -1 after tracing the step.
@@ -221,6 +155,36 @@ int shm_store_setup(reflector_vrf *vrf)
 	return 0;
 }
 
+// True when the store object open on `fd` may be taken: a regular file
+// owned by our effective user. Anyone may create the predictable name
+// first; whoever owns the object could forge every counter the operator
+// reads and end the daemon by truncating it. Our own object that others may
+// write (made under a umask of 0, say) is kept, its mode tightened.
+bool shm_store_ours(int fd, const char *name)
+{
+	struct stat st;
+	if (fstat(fd, &st) == -1) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: fstat: %s", name,
+				 std::strerror(errno));
+		return false;
+	}
+	if (!S_ISREG(st.st_mode)) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: not a regular file", name);
+		return false;
+	}
+	if (st.st_uid != geteuid()) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: owned by uid %u, not by uid %u", name,
+				 static_cast<unsigned>(st.st_uid), static_cast<unsigned>(geteuid()));
+		return false;
+	}
+	if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && fchmod(fd, SHM_MODE) == -1) {
+		reflector_syslog(LOG_ERR, "Refusing the shared store /dev/shm/%s: others may write it and fchmod: %s",
+				 name, std::strerror(errno));
+		return false;
+	}
+	return true;
+}
+
 // Undoes what vrf_init made, as far as the process needs before it ends:
 // the other sockets, events and the mapping go with the process.
 reflector_vrf *vrf_teardown(reflector_vrf *vrf)
@@ -241,49 +205,9 @@ reflector_vrf *vrf_teardown(reflector_vrf *vrf)
 	return nullptr;
 }
 
-// Attaches a constant filter program to a packet socket.
-int attach_filter(int fd, const sock_filter *prog, std::size_t len)
-{
-	sock_fprog fprog{};
-	fprog.len = static_cast<unsigned short>(len);
-	fprog.filter = const_cast<sock_filter *>(prog);  // the kernel copies it, never writes
-	return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
-}
-
 }  // namespace
 
-reflector_vrf *vrf_init()
-{
-	TRACE(TRACE_FUNC, "vrf_init");
-
-	auto *vrf = static_cast<reflector_vrf *>(std::calloc(1, sizeof(reflector_vrf)));
-	if (vrf == nullptr)
-		return nullptr;
-	vrf->name = DEFAULT_NS;
-	vrf->base = event_base_new();
-	for (list_link &bucket : vrf->hash_tbl)
-		list_init(&bucket);
-	list_init(&vrf->sess_cache);
-	list_init(&vrf->free_list);  // filled by session_table_setup
-	ENSURE(vrf->base);
-
-	if (shm_store_setup(vrf) != 0)
-		return vrf_teardown(vrf);
-	// Traces its own message on failure.
-	if (session_table_setup(vrf) != 0)
-		return vrf_teardown(vrf);
-	if (reflector_init(vrf) != INIT_OK) {
-		TRACE(TRACE_ERROR, "ERROR: reflector initialization failed");
-		return vrf_teardown(vrf);
-	}
-	return vrf;
-}
-
-int reflector_init(reflector_vrf *vrf)
-{
-	TRACE(TRACE_FUNC, "reflector_init");
-	return init_socket(vrf);
-}
+// ---- sockets, in the order init_socket opens them ----
 
 int init_socket(reflector_vrf *vrf)
 {
@@ -295,49 +219,8 @@ int init_socket(reflector_vrf *vrf)
 	// A daemon that cannot send opens no receive socket.
 	if (init_out_socket(vrf) != INIT_OK)
 		return INIT_ERR_SOCKET;
-
-	// IPv4 frames
-	vrf->infd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_IPV4_BE, vrf->name);
-	if (vrf->infd == -1) {
-		TRACE(TRACE_ERROR,
-		      "ERROR: Failed to create raw socket, netnsSocketAt() returns -1, errno %d\n",
-		      (std::int32_t)errno);
+	if (open_ipv4_socket(vrf) != INIT_OK || open_mpls_socket(vrf) != INIT_OK)
 		return INIT_ERR_SOCKET;
-	}
-	if (attach_filter(vrf->infd, sbfd_udp_filter, SBFD_UDP_FILTER_LEN) < 0) {
-		TRACE(TRACE_ERROR, "ERROR: Failed to add UDP socket filter: %d\n", (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-	vrf->event = event_new(vrf->base, vrf->infd, READ_EVENT, rx_data_ready, vrf);
-	ENSURE(vrf->event);
-	int rc = event_add(vrf->event, nullptr);
-	if (rc != 0) {
-		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
-		      (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-
-	// MPLS frames
-	vrf->mplsfd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_MPLS_BE, vrf->name);
-	if (vrf->mplsfd == -1) {
-		TRACE(TRACE_ERROR,
-		      "ERROR: Failed to create raw socket for mpls, netnsSocketAt() returns -1, errno %d\n",
-		      (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-	if (attach_filter(vrf->mplsfd, sbfd_mpls_filter, SBFD_MPLS_FILTER_LEN) < 0) {
-		TRACE(TRACE_ERROR, "ERROR: Failed to add MPLS UDP socket filter: %d\n",
-		      (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-	vrf->eventMpls = event_new(vrf->base, vrf->mplsfd, READ_EVENT, rx_data_ready, vrf);
-	ENSURE(vrf->eventMpls);
-	rc = event_add(vrf->eventMpls, nullptr);
-	if (rc != 0) {
-		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
-		      (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
 
 	// The host's own addresses. Without them the reflector still answers,
 	// refusing only martian destinations and sourceIp: a reflector that
@@ -345,31 +228,9 @@ int init_socket(reflector_vrf *vrf)
 	if (init_addr_watch(vrf) != INIT_OK)
 		TRACE(TRACE_ERROR, "ERROR: address watch failed, only martian addresses and sourceIp are refused");
 
-	// Netlink control channel, the last socket: the controlling agent
+	// The netlink control channel is the last socket: the controlling agent
 	// addresses us by pid, and its port bound tells that we are ready.
-	// A failed creation is not tested here; it shows as a bind on -1 (EBADF).
-	vrf->nlfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, vrf->name);
-	sockaddr_nl nl_addr;
-	std::memset(&nl_addr, 0, sizeof nl_addr);
-	nl_addr.nl_family = AF_NETLINK;
-	nl_addr.nl_pid = static_cast<std::uint32_t>(getpid());
-	nl_addr.nl_groups = 0;
-	static_assert(sizeof nl_addr == 12);
-	rc = bind(vrf->nlfd, reinterpret_cast<const sockaddr *>(&nl_addr), sizeof nl_addr);
-	if (rc != 0) {
-		TRACE(TRACE_ERROR, "ERROR: netlink bind() result %d, errno %d", (std::int32_t)rc,
-		      (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-	vrf->eventNetlink = event_new(vrf->base, vrf->nlfd, READ_EVENT, rx_netlink_ready, vrf);
-	ENSURE(vrf->eventNetlink);
-	rc = event_add(vrf->eventNetlink, nullptr);
-	if (rc != 0) {
-		TRACE(TRACE_ERROR, "ERROR: event_add() Netlink result %d, errno %d\n",
-		      (std::int32_t)rc, (std::int32_t)errno);
-		return INIT_ERR_SOCKET;
-	}
-	return INIT_OK;
+	return open_control_socket(vrf);
 }
 
 int init_out_socket(reflector_vrf *vrf)
@@ -403,6 +264,210 @@ int init_out_socket(reflector_vrf *vrf)
 	}
 	return INIT_OK;
 }
+
+// The filters read the frame from its Ethernet header on; offsets are bytes
+// from the frame's start. Opcodes: 0x28 ld half abs, 0x30 ld byte abs, 0x20
+// ld word abs, 0x48 ld half ind (X + k), 0xb1 ldx 4*(byte & 0xf), 0x15 jeq k,
+// 0x45 jset k, 0x54 and k, 0x06 ret k. A load beyond the frame drops it.
+// The values are as tcpdump -dd prints them; the static_asserts after the
+// tables tie each offset and value to the frame constants of wire.h.
+constexpr sock_filter sbfd_udp_filter[16] = {
+	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
+	{0x15, 0, 4, 0x000086dd},   // 1: IPv6? 2 : 6
+	{0x30, 0, 0, 0x00000014},   // 2: A = IPv6 Next Header
+	{0x15, 0, 11, 0x00000011},  // 3: UDP? 4 : 15
+	{0x28, 0, 0, 0x00000038},   // 4: A = UDP destination port (40-byte IPv6 header)
+	{0x15, 8, 9, 0x00001e68},   // 5: 7784? 14 : 15
+	{0x15, 0, 8, 0x00000800},   // 6: IPv4? 7 : 15
+	{0x30, 0, 0, 0x00000017},   // 7: A = IPv4 Protocol
+	{0x15, 0, 6, 0x00000011},   // 8: UDP? 9 : 15
+	{0x28, 0, 0, 0x00000014},   // 9: A = flags and fragment offset
+	{0x45, 4, 0, 0x00001fff},   // 10: non-first fragment? 15 : 11
+	{0xb1, 0, 0, 0x0000000e},   // 11: X = IPv4 header length
+	{0x48, 0, 0, 0x00000010},   // 12: A = UDP destination port (X + 16)
+	{0x15, 0, 1, 0x00001e68},   // 13: 7784? 14 : 15
+	{0x06, 0, 0, 0x0000ffff},   // 14: accept up to 65535 bytes
+	{0x06, 0, 0, 0x00000000},   // 15: drop
+};
+
+constexpr sock_filter sbfd_mpls_filter[30] = {
+	{0x28, 0, 0, 0x0000000c},   // 0: A = EtherType
+	{0x15, 0, 27, 0x00008847},  // 1: MPLS unicast? 2 : 29
+	{0x20, 0, 0, 0x0000000e},   // 2: A = first label stack entry
+	{0x45, 25, 0, 0xfffff000},  // 3: label != 0? 29 : 4
+	{0x30, 0, 0, 0x00000010},   // 4: A = byte 16 (TC, bottom of stack)
+	{0x54, 0, 0, 0x00000001},   // 5: A &= bottom-of-stack bit
+	{0x15, 0, 22, 0x00000001},  // 6: one label only? 7 : 29
+	{0x30, 0, 0, 0x00000012},   // 7: A = IP version / header length
+	{0x54, 0, 0, 0x000000f0},   // 8: A &= version nibble
+	{0x15, 0, 6, 0x00000060},   // 9: IPv6? 10 : 16
+	{0x30, 0, 0, 0x00000018},   // 10: A = IPv6 Next Header
+	{0x15, 2, 0, 0x00000084},   // 11: SCTP? 14 : 12
+	{0x15, 1, 0, 0x00000006},   // 12: TCP? 14 : 13
+	{0x15, 0, 15, 0x00000011},  // 13: UDP? 14 : 29
+	{0x28, 0, 0, 0x0000003c},   // 14: A = destination port (40-byte IPv6 header)
+	{0x15, 12, 13, 0x00001e68}, // 15: 7784? 28 : 29
+	{0x30, 0, 0, 0x00000012},   // 16: A = IP version / header length
+	{0x54, 0, 0, 0x000000f0},   // 17: A &= version nibble
+	{0x15, 0, 10, 0x00000040},  // 18: IPv4? 19 : 29
+	{0x30, 0, 0, 0x0000001b},   // 19: A = IPv4 Protocol
+	{0x15, 2, 0, 0x00000084},   // 20: SCTP? 23 : 21
+	{0x15, 1, 0, 0x00000006},   // 21: TCP? 23 : 22
+	{0x15, 0, 6, 0x00000011},   // 22: UDP? 23 : 29
+	{0x28, 0, 0, 0x00000018},   // 23: A = flags and fragment offset
+	{0x45, 4, 0, 0x00001fff},   // 24: non-first fragment? 29 : 25
+	{0xb1, 0, 0, 0x00000012},   // 25: X = IPv4 header length
+	{0x48, 0, 0, 0x00000014},   // 26: A = destination port (X + 20)
+	{0x15, 0, 1, 0x00001e68},   // 27: 7784? 28 : 29
+	{0x06, 0, 0, 0x0000ffff},   // 28: accept up to 65535 bytes
+	{0x06, 0, 0, 0x00000000},   // 29: drop
+};
+static_assert(sizeof sbfd_udp_filter / sizeof sbfd_udp_filter[0] == SBFD_UDP_FILTER_LEN);
+static_assert(sizeof sbfd_mpls_filter / sizeof sbfd_mpls_filter[0] == SBFD_MPLS_FILTER_LEN);
+static_assert(sizeof(sock_filter) == 8 && sizeof(sock_fprog) == 16);
+
+namespace {
+constexpr std::size_t MPLS_IP_OFF = ETH_HDR_LEN + MPLS_ENTRY_LEN;  // 18: the IP header under one label
+constexpr std::uint32_t FILTER_ACCEPT = 0xFFFF;                     // ret: bytes of the frame passed on
+}  // namespace
+
+// sbfd_udp_filter: the EtherType, then IPv6 (fixed header) or IPv4 with the
+// UDP header after IHL words (ldx: X = IPV4_IHL_UNIT * (byte & IPV4_IHL_MASK)).
+static_assert(sbfd_udp_filter[0].k == ETH_TYPE_OFF);
+static_assert(sbfd_udp_filter[1].k == ETH_TYPE_IPV6);
+static_assert(sbfd_udp_filter[2].k == ETH_HDR_LEN + IPV6_NEXT_HDR_OFF);
+static_assert(sbfd_udp_filter[3].k == IP_PROTO_UDP);
+static_assert(sbfd_udp_filter[4].k == ETH_HDR_LEN + IPV6_HDR_LEN + UDP_DPORT_OFF);
+static_assert(sbfd_udp_filter[5].k == SBFD_PORT);
+static_assert(sbfd_udp_filter[6].k == ETH_TYPE_IPV4);
+static_assert(sbfd_udp_filter[7].k == ETH_HDR_LEN + IPV4_PROTO_OFF);
+static_assert(sbfd_udp_filter[8].k == IP_PROTO_UDP);
+static_assert(sbfd_udp_filter[9].k == ETH_HDR_LEN + IPV4_FRAG_OFF);
+static_assert(sbfd_udp_filter[10].k == IPV4_FRAG_OFFSET_MASK);
+static_assert(sbfd_udp_filter[11].k == ETH_HDR_LEN);
+static_assert(sbfd_udp_filter[12].k == ETH_HDR_LEN + UDP_DPORT_OFF);
+static_assert(sbfd_udp_filter[13].k == SBFD_PORT);
+static_assert(sbfd_udp_filter[14].k == FILTER_ACCEPT && sbfd_udp_filter[15].k == 0);
+
+// sbfd_mpls_filter: the EtherType, one label entry of value 0 with S set,
+// then IPv6 or IPv4 after it, as above but MPLS_ENTRY_LEN further on.
+static_assert(sbfd_mpls_filter[0].k == ETH_TYPE_OFF);
+static_assert(sbfd_mpls_filter[1].k == ETH_TYPE_MPLS);
+static_assert(sbfd_mpls_filter[2].k == ETH_HDR_LEN);
+static_assert(sbfd_mpls_filter[3].k == MPLS_LABEL_MASK);
+static_assert(sbfd_mpls_filter[4].k == ETH_HDR_LEN + MPLS_BOS_BYTE_OFF);
+static_assert(sbfd_mpls_filter[5].k == MPLS_BOS_BYTE_BIT && sbfd_mpls_filter[6].k == MPLS_BOS_BYTE_BIT);
+static_assert(sbfd_mpls_filter[7].k == MPLS_IP_OFF && sbfd_mpls_filter[16].k == MPLS_IP_OFF);
+static_assert(sbfd_mpls_filter[8].k == IP_VERSION_MASK && sbfd_mpls_filter[17].k == IP_VERSION_MASK);
+static_assert(sbfd_mpls_filter[9].k == IP_VERSION_IPV6);
+static_assert(sbfd_mpls_filter[10].k == MPLS_IP_OFF + IPV6_NEXT_HDR_OFF);
+static_assert(sbfd_mpls_filter[11].k == IP_PROTO_SCTP && sbfd_mpls_filter[20].k == IP_PROTO_SCTP);
+static_assert(sbfd_mpls_filter[12].k == IP_PROTO_TCP && sbfd_mpls_filter[21].k == IP_PROTO_TCP);
+static_assert(sbfd_mpls_filter[13].k == IP_PROTO_UDP && sbfd_mpls_filter[22].k == IP_PROTO_UDP);
+static_assert(sbfd_mpls_filter[14].k == MPLS_IP_OFF + IPV6_HDR_LEN + UDP_DPORT_OFF);
+static_assert(sbfd_mpls_filter[15].k == SBFD_PORT);
+static_assert(sbfd_mpls_filter[18].k == IP_VERSION_IPV4);
+static_assert(sbfd_mpls_filter[19].k == MPLS_IP_OFF + IPV4_PROTO_OFF);
+static_assert(sbfd_mpls_filter[23].k == MPLS_IP_OFF + IPV4_FRAG_OFF);
+static_assert(sbfd_mpls_filter[24].k == IPV4_FRAG_OFFSET_MASK);
+static_assert(sbfd_mpls_filter[25].k == MPLS_IP_OFF);
+static_assert(sbfd_mpls_filter[26].k == MPLS_IP_OFF + UDP_DPORT_OFF);
+static_assert(sbfd_mpls_filter[27].k == SBFD_PORT);
+static_assert(sbfd_mpls_filter[28].k == FILTER_ACCEPT && sbfd_mpls_filter[29].k == 0);
+
+namespace {
+
+// Attaches a constant filter program to a packet socket.
+int attach_filter(int fd, const sock_filter *prog, std::size_t len)
+{
+	sock_fprog fprog{};
+	fprog.len = static_cast<unsigned short>(len);
+	fprog.filter = const_cast<sock_filter *>(prog);  // the kernel copies it, never writes
+	return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
+}
+
+// IPv4 frames: packet socket, filter, read event.
+int open_ipv4_socket(reflector_vrf *vrf)
+{
+	vrf->infd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_IPV4_BE, vrf->name);
+	if (vrf->infd == -1) {
+		TRACE(TRACE_ERROR,
+		      "ERROR: Failed to create raw socket, netnsSocketAt() returns -1, errno %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	if (attach_filter(vrf->infd, sbfd_udp_filter, SBFD_UDP_FILTER_LEN) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to add UDP socket filter: %d\n", (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->event = event_new(vrf->base, vrf->infd, READ_EVENT, rx_data_ready, vrf);
+	ENSURE(vrf->event);
+	const int rc = event_add(vrf->event, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
+
+// MPLS frames: packet socket, filter, read event.
+int open_mpls_socket(reflector_vrf *vrf)
+{
+	vrf->mplsfd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_MPLS_BE, vrf->name);
+	if (vrf->mplsfd == -1) {
+		TRACE(TRACE_ERROR,
+		      "ERROR: Failed to create raw socket for mpls, netnsSocketAt() returns -1, errno %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	if (attach_filter(vrf->mplsfd, sbfd_mpls_filter, SBFD_MPLS_FILTER_LEN) < 0) {
+		TRACE(TRACE_ERROR, "ERROR: Failed to add MPLS UDP socket filter: %d\n",
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->eventMpls = event_new(vrf->base, vrf->mplsfd, READ_EVENT, rx_data_ready, vrf);
+	ENSURE(vrf->eventMpls);
+	const int rc = event_add(vrf->eventMpls, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() result %d, errno %d\n", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
+
+// The netlink control socket, bound to port getpid(), with its read event.
+// A failed creation is not tested here; it shows as a bind on -1 (EBADF).
+int open_control_socket(reflector_vrf *vrf)
+{
+	vrf->nlfd = netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, vrf->name);
+	sockaddr_nl nl_addr;
+	std::memset(&nl_addr, 0, sizeof nl_addr);
+	nl_addr.nl_family = AF_NETLINK;
+	nl_addr.nl_pid = static_cast<std::uint32_t>(getpid());
+	nl_addr.nl_groups = 0;
+	static_assert(sizeof nl_addr == 12);
+	int rc = bind(vrf->nlfd, reinterpret_cast<const sockaddr *>(&nl_addr), sizeof nl_addr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: netlink bind() result %d, errno %d", (std::int32_t)rc,
+		      (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	vrf->eventNetlink = event_new(vrf->base, vrf->nlfd, READ_EVENT, rx_netlink_ready, vrf);
+	ENSURE(vrf->eventNetlink);
+	rc = event_add(vrf->eventNetlink, nullptr);
+	if (rc != 0) {
+		TRACE(TRACE_ERROR, "ERROR: event_add() Netlink result %d, errno %d\n",
+		      (std::int32_t)rc, (std::int32_t)errno);
+		return INIT_ERR_SOCKET;
+	}
+	return INIT_OK;
+}
+
+}  // namespace
+
+// ---- the address watch ----
 
 namespace {
 

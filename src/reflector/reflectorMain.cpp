@@ -117,13 +117,6 @@ void parse_options(int argc, char **argv)
 	}
 }
 
-const char *source_ip_text()
-{
-	in_addr addr{};
-	addr.s_addr = reflector_cfg.sourceIp;
-	return inet_ntoa(addr);
-}
-
 // The signal is only noted. The tracing library keeps a record opened here
 // apart from one the interrupted flow may have open.
 void ignore_handler(int)
@@ -157,7 +150,7 @@ void install_signal_handler()
 void log_start()
 {
 	reflector_syslog(LOG_INFO, "Start SBFD Reflector with Discriminator: %u, sourceIp: %s, minRx: %u ",
-			 ntohl(reflector_cfg.discriminator), source_ip_text(), reflector_cfg.minRx);
+			 ntohl(reflector_cfg.discriminator), ipv4_dotted(reflector_cfg.sourceIp).text, reflector_cfg.minRx);
 }
 
 // Start-up steps up to the event loop. Returns the context, or nullptr when
@@ -169,7 +162,7 @@ reflector_vrf *start_up()
 
 	// Traced before detaching, so it is there even when daemon() fails.
 	TRACE(TRACE_INIT, "INIT: Start SBFD Reflector with Discriminator: %u, sourceIp: %s, minRx: %u",
-	      ntohl(reflector_cfg.discriminator), source_ip_text(), reflector_cfg.minRx);
+	      ntohl(reflector_cfg.discriminator), ipv4_dotted(reflector_cfg.sourceIp).text, reflector_cfg.minRx);
 
 	if (reflector_cfg.daemonize && daemon(0, 0) < 0) {
 		TRACE(TRACE_ERROR, "ERROR: Daemonization failed");

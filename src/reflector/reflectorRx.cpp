@@ -11,6 +11,10 @@
 // allocated per packet; no byte beyond a received frame or datagram is read
 // except the zeroed bytes of the receive buffer; peer input never reaches an
 // ENSURE.
+//
+// A received frame reads top-down: reception, decapsulation, validation,
+// session lookup, session update, reply, report. The session table's
+// start-up, the control channel and the address watch follow.
 #include <arpa/inet.h>
 #include <event2/event.h>
 #include <linux/netlink.h>
@@ -31,34 +35,9 @@
 
 namespace {
 
-// Frame layout (offsets from the first byte of the frame).
-constexpr std::size_t ETH_TYPE_OFF = 12;        // destination (6), source (6)
-constexpr std::size_t ETH_HDR_LEN = 14;         // addresses (12), EtherType (2)
-constexpr std::size_t MPLS_LSE_LEN = 4;         // one label stack entry
-constexpr std::uint16_t ETH_P_IPV4 = 0x0800;
-constexpr std::uint16_t ETH_P_MPLS_UC = 0x8847;
-constexpr std::uint32_t MPLS_LABEL_SHIFT = 12;  // label = bits 31-12
-constexpr std::uint32_t MPLS_BOS = 0x100;       // bottom of stack, bit 8
-constexpr std::size_t IP_PROTO_OFF = 9;
-constexpr std::size_t IP_SADDR_OFF = 12;
-constexpr std::size_t IP_MAX_HDR_LEN = 4 * 15;  // IHL is four bits
-constexpr std::uint8_t IPPROTO_UDP_NUM = 17;
-constexpr std::size_t UDP_HDR_LEN = 8;
-
-// The furthest any frame read reaches: the 24 bytes of a control packet
-// after an MPLS label and an IPv4 header of the largest IHL. Every byte the
-// receive path reads lies below this offset, so zeroing this prefix before
-// each receive makes every byte beyond the frame read as zero, exactly as a
-// fully zeroed buffer would.
-constexpr std::size_t RX_READ_LIMIT =
-	ETH_HDR_LEN + MPLS_LSE_LEN + IP_MAX_HDR_LEN + UDP_HDR_LEN + BFD_PKT_LEN;  // 110
-static_assert(RX_READ_LIMIT == 110);
-static_assert(RX_READ_LIMIT <= RX_BUF_LEN);
-
 constexpr int SEND_RETRIES = 5;  // retries after the first attempt on an unreachable destination
 
 // Netlink datagram layout (host byte order).
-constexpr std::size_t NL_HDR_LEN = 16;  // struct nlmsghdr
 static_assert(sizeof(nlmsghdr) == NL_HDR_LEN);
 constexpr std::size_t NL_DISC_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, disc);
 constexpr std::size_t NL_MIN_RX_OFF = NL_HDR_LEN + offsetof(reflector_nl_config, min_rx);
@@ -69,71 +48,387 @@ constexpr std::size_t NL_ALIGN = 4;
 
 constexpr int SETUP_ERR_NOMEM = 1;  // session_table_setup: rx_sess not allocated
 
-std::uint16_t load_be16(const std::uint8_t *p)
-{
-	std::uint16_t v;
-	std::memcpy(&v, p, sizeof v);
-	return ntohs(v);
-}
+// The steps of a frame below rx_handle_frame, in the order it meets them.
+bool decapsulate(reflector_shm *shm, const std::uint8_t *buf, std::size_t *ctrl_off, sockaddr_in *from);
+session_node *session_find(reflector_vrf *vrf, std::uint32_t bucket, std::uint32_t discriminator,
+			   std::uint32_t source_ip);
+void count_lookup(reflector_shm *shm, bool hit, bool new_period);
+session_node *session_alloc(reflector_vrf *vrf, std::uint32_t bucket, std::uint32_t discriminator,
+			    std::uint32_t source_ip);
+void record_rx(reflector_session *s, const bfd_ctrl_pkt &pkt, std::uint16_t port_net);
+int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const sockaddr_in &from,
+	       session_node *node);
+ssize_t send_with_retries(reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to);
+ssize_t reply_sendto(const reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to);
+void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply);
+bool nl_apply_datagram(std::span<const std::uint8_t> dgram);
 
-std::uint32_t load_be32(const std::uint8_t *p)
-{
-	std::uint32_t v;
-	std::memcpy(&v, p, sizeof v);
-	return ntohl(v);
-}
+}  // namespace
 
-// Host-order u32 at `off` of a datagram of `n` bytes; bytes at or beyond `n`
-// read as zero, so a short message never makes us read past what arrived.
-std::uint32_t load_u32_within(const std::uint8_t *buf, std::size_t n, std::size_t off)
-{
-	std::uint8_t b[4] = {0, 0, 0, 0};
-	if (off < n)
-		std::memcpy(b, buf + off, n - off < sizeof b ? n - off : sizeof b);
-	std::uint32_t v;
-	std::memcpy(&v, b, sizeof v);
-	return v;
-}
+// ---- reception ----
 
-std::uint8_t load_u8_within(const std::uint8_t *buf, std::size_t n, std::size_t off)
+void rx_data_ready(int fd, short what, void *arg)
 {
-	return off < n ? buf[off] : 0;
-}
-
-// Dotted-quad text of an IPv4 address (network order), the text inet_ntoa
-// gives, built without stdio: the packet path traces the initiator's address
-// twice per request, and inet_ntoa's snprintf cost more than the rest of
-// the request's user-space work. The text lives as long as the value.
-struct ip_dotted {
-	char text[16];  // "255.255.255.255" and NUL
-};
-
-ip_dotted dotted(std::uint32_t addr_net)
-{
-	ip_dotted d;
-	const auto *b = reinterpret_cast<const std::uint8_t *>(&addr_net);
-	char *p = d.text;
-	for (int i = 0; i < 4; i++) {
-		unsigned v = b[i];
-		if (v >= 100) {
-			*p++ = static_cast<char>('0' + v / 100);
-			v %= 100;
-			*p++ = static_cast<char>('0' + v / 10);
-		} else if (v >= 10) {
-			*p++ = static_cast<char>('0' + v / 10);
-		}
-		*p++ = static_cast<char>('0' + v % 10);
-		*p++ = i < 3 ? '.' : '\0';
+	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return;
 	}
-	return d;
+	TRACE(TRACE_EVENT, "EVENT: Got an event on socket %d:%s%s [%s]", static_cast<std::int32_t>(fd),
+	      (what & EV_READ) ? " read" : "", (what & EV_WRITE) ? " write" : "", vrf->name);
+
+	// Only the prefix that decapsulation can read needs zeros (RX_READ_LIMIT).
+	alignas(16) std::uint8_t buf[RX_BUF_LEN];
+	std::memset(buf, 0, RX_READ_LIMIT);
+	sockaddr_in addr{};
+	socklen_t addr_len = sizeof addr;
+	static_assert(sizeof addr == 16);
+	const std::int32_t n = static_cast<std::int32_t>(
+		recvfrom(fd, buf, RX_BUF_LEN, 0, reinterpret_cast<sockaddr *>(&addr), &addr_len));
+	if (n == 0) {
+		TRACE(TRACE_ERROR, "ERROR: packet missing or remote side closed the connection.");
+		return;
+	}
+	if (n < 0) {
+		TRACE(TRACE_ERROR, "ERROR: recvfrom returns -1, errno %d", static_cast<std::int32_t>(errno));
+		return;
+	}
+	if (rx_handle_frame(vrf, buf, n) == RX_FRAME_SHORT_SEND)
+		ENSURE(0);  // a datagram socket sends all 24 bytes or nothing
 }
 
-const char *ip_text(std::uint32_t addr_net)
+int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n)
 {
-	in_addr a{};
-	a.s_addr = addr_net;
-	return inet_ntoa(a);
+	reflector_shm *shm = vrf->shm;
+	TRACE(TRACE_RX, "RX: socket ready with %lu bytes", n);
+
+	std::size_t ctrl_off;
+	sockaddr_in from{};
+	if (!decapsulate(shm, buf, &ctrl_off, &from))
+		return RX_FRAME_DONE;
+	// ctrl_off + BFD_PKT_LEN <= RX_READ_LIMIT: the copy below stays in the zeroed prefix.
+	const std::int64_t len = static_cast<std::int64_t>(n) - static_cast<std::int64_t>(ctrl_off);
+	bfd_ctrl_pkt pkt;
+	std::memcpy(&pkt, buf + ctrl_off, sizeof pkt);
+
+	if (!sbfd_packet_valid(&pkt, len, from, vrf)) {
+		shm->rx_drops++;
+		maybe_dump_stats(vrf);
+		return RX_FRAME_DONE;
+	}
+	TRACE(TRACE_RX,
+	      "RX: Recvd discriminator is destined to this reflector. Recvd my_disc %u, source_ip %s, "
+	      "source_port %u, state %u, min_tx_interval %u, detect_multiplier %u",
+	      ntohl(pkt.my_disc), ipv4_dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port),
+	      bfd_state_of(pkt), ntohl(pkt.min_tx_interval), pkt.detect_multiplier);
+
+	session_node *node = get_session(vrf, ntohl(pkt.my_disc), from.sin_addr.s_addr);
+	if (node != nullptr)
+		record_rx(node->shm_session, pkt, from.sin_port);
+	return send_reply(vrf, buf + ctrl_off, pkt, from, node);
 }
+
+// ---- decapsulation ----
+
+namespace {
+
+void drop_unsupported(reflector_shm *shm)
+{
+	shm->rx_drops++;
+	shm->unsupported++;
+}
+
+// Ethernet, at most one MPLS label of value 0, IPv4, UDP: finds the control
+// packet of the frame at `buf` (*ctrl_off, its offset) and its sender
+// (*from). Returns false after counting and tracing a frame of a kind not
+// handled. Every offset read is below RX_READ_LIMIT.
+bool decapsulate(reflector_shm *shm, const std::uint8_t *buf, std::size_t *ctrl_off, sockaddr_in *from)
+{
+	std::size_t ip_off;
+	const std::uint16_t eth_type = load_be16(buf + ETH_TYPE_OFF);
+	if (eth_type == ETH_TYPE_MPLS) {
+		const std::uint32_t lse = load_be32(buf + ETH_HDR_LEN);
+		const std::uint32_t label = lse >> MPLS_LABEL_SHIFT;
+		if (label != 0) {
+			TRACE(TRACE_ERROR, "ERROR: top label %u is not supported", label);
+			drop_unsupported(shm);
+			return false;
+		}
+		if ((lse & MPLS_BOS) == 0) {
+			TRACE(TRACE_ERROR, "ERROR: multiple labels is not supported");
+			drop_unsupported(shm);
+			return false;
+		}
+		ip_off = ETH_HDR_LEN + MPLS_ENTRY_LEN;
+	} else if (eth_type == ETH_TYPE_IPV4) {
+		ip_off = ETH_HDR_LEN;
+	} else {
+		TRACE(TRACE_ERROR, "ERROR: EthType %u is not supported", eth_type);
+		drop_unsupported(shm);
+		return false;
+	}
+	const std::size_t ihl = buf[ip_off] & IPV4_IHL_MASK;
+	const std::uint8_t proto = buf[ip_off + IPV4_PROTO_OFF];
+	if (proto != IP_PROTO_UDP) {
+		TRACE(TRACE_ERROR, "ERROR: BFD control packet should be over UDP, got protocol %u",
+		      proto);
+		shm->rx_drops++;
+		shm->invalid_pkt_format++;
+		return false;
+	}
+	const std::size_t udp_off = ip_off + IPV4_IHL_UNIT * ihl;
+	*ctrl_off = udp_off + UDP_HDR_LEN;
+	from->sin_family = AF_INET;
+	std::memcpy(&from->sin_port, buf + udp_off + UDP_SPORT_OFF, sizeof from->sin_port);
+	std::memcpy(&from->sin_addr.s_addr, buf + ip_off + IPV4_SADDR_OFF, sizeof from->sin_addr.s_addr);
+	return true;
+}
+
+}  // namespace
+
+// ---- validation ----
+
+bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in from,
+		       reflector_vrf *vrf)
+{
+	if (bfd == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
+		return false;
+	}
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
+		return false;
+	}
+	reflector_shm *shm = vrf->shm;
+	if (len < static_cast<std::int64_t>(BFD_PKT_LEN)) {
+		shm->pkt_truncated++;
+		TRACE(TRACE_ERROR, "ERROR: Pkt truncated. Recvd len %d, source_ip %s", len,
+		      ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	const std::uint32_t my_disc = ntohl(bfd->my_disc);
+	if (bfd_version(*bfd) != BFD_VERSION) {
+		shm->bad_version++;
+		TRACE(TRACE_ERROR, "ERROR: Bad version %d. Recvd my_disc %u, source_ip %s",
+		      bfd_version(*bfd), my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	if (static_cast<std::int64_t>(bfd->length) > len) {
+		shm->invalid_pkt_len++;
+		TRACE(TRACE_ERROR, "ERROR: Invalid bfd ctrl pkt length %d. Rcvd len %d, source_ip %s",
+		      bfd->length, len, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	const std::uint16_t port = ntohs(from.sin_port);
+	if (port == SBFD_PORT) {
+		shm->invalid_src_port++;
+		TRACE(TRACE_ERROR, "ERROR: Invalid source port %hhu. Recvd my_disc %u, source_ip %s",
+		      port, my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	if ((bfd->flags & BFD_FLAG_D) == 0) {
+		shm->demand_mode_unset++;
+		TRACE(TRACE_ERROR, "ERROR: Demand mode bit is not set. Recvd my_disc %u, source_ip %s",
+		      my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	if (bfd->detect_multiplier == 0) {
+		shm->invalid_detect_mult++;
+		TRACE(TRACE_ERROR, "ERROR: Detect Mult is not set. Recvd my_disc %u, source_ip %s",
+		      my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	if (my_disc == 0) {
+		shm->invalid_my_disc++;
+		TRACE(TRACE_ERROR, "ERROR: My discriminator is not set. source_ip %s",
+		      ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	// Down (1) and Up (3) have bit 0x40 set; AdminDown (0) and Init (2) do not.
+	if (bfd_state_of(*bfd) != BFD_STATE_DOWN && bfd_state_of(*bfd) != BFD_STATE_UP) {
+		shm->invalid_bfd_state++;
+		TRACE(TRACE_ERROR,
+		      "ERROR: Initiator BFD state %hhu is invalid. Recvd my_disc %u, source_ip %s",
+		      bfd_state_of(*bfd), my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	if (bfd->your_disc != reflector_cfg.discriminator) {
+		shm->your_disc_unmatch++;
+		TRACE(TRACE_ERROR,
+		      "ERROR: Recvd discriminator %u is not destined to this reflector. Recvd my_disc "
+		      "%u, source_ip %s",
+		      ntohl(bfd->your_disc), my_disc, ipv4_dotted(from.sin_addr.s_addr).text);
+		return false;
+	}
+	shm->rx_valid_pkts++;
+	return true;
+}
+
+// ---- session lookup ----
+
+std::uint32_t hashmix(std::uint32_t value, std::uint32_t initial, std::int32_t final)
+{
+	std::uint32_t h = initial;
+	for (int shift = 0; shift < 32; shift += 8) {
+		h += (value >> shift) & 0xFF;
+		h += h << 10;
+		h ^= h >> 6;
+	}
+	if (final != 0) {
+		h += h << 3;
+		h ^= h >> 11;
+		h += h << 15;
+	}
+	return h;
+}
+
+std::uint32_t get_session_hash(std::uint32_t source_ip, std::uint32_t discriminator)
+{
+	return hashmix(discriminator, hashmix(source_ip, 0, 0), 1) & SESSION_HASH_MASK;
+}
+
+session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator, std::uint32_t source_ip)
+{
+	if (vrf == nullptr) {
+		TRACE(TRACE_ERROR, "ERR: vrf struct is NULL");
+		return nullptr;
+	}
+	const std::uint32_t b = get_session_hash(source_ip, discriminator);
+	const bool new_period = (vrf->shm->rx_valid_pkts & HASH_PERIOD_MASK) == 0;
+	session_node *session = session_find(vrf, b, discriminator, source_ip);
+	count_lookup(vrf->shm, session != nullptr, new_period);
+	if (session == nullptr)
+		return session_alloc(vrf, b, discriminator, source_ip);
+
+	TRACE(TRACE_RX, "RX: Hash=%u, found exising session", b);
+	if (vrf->sess_cache_count <= 1)
+		ENSURE(vrf->sess_cache.next == &session->cache_list);
+	else if (vrf->sess_cache.next != &session->cache_list)
+		list_move_front(&vrf->sess_cache, &session->cache_list);
+	session_sanity_check(vrf);
+	return session;
+}
+
+namespace {
+
+// The session of the key on the chain of `bucket`, or nullptr.
+session_node *session_find(reflector_vrf *vrf, std::uint32_t bucket, std::uint32_t discriminator,
+			   std::uint32_t source_ip)
+{
+	list_link *head = &vrf->hash_tbl[bucket];
+	for (list_link *l = head->next; l != head; l = l->next) {
+		session_node *session = node_of_hash(l);
+		const reflector_session *s = session->shm_session;
+		if (s->discriminator == discriminator && s->source_ip == source_ip)
+			return session;
+	}
+	return nullptr;
+}
+
+// Counts one lookup as a hit or a miss; the first lookup of a counting
+// period (HASH_PERIOD_MASK) restarts all three hash counters.
+void count_lookup(reflector_shm *shm, bool hit, bool new_period)
+{
+	std::uint32_t &mine = hit ? shm->rx_hash_hit : shm->rx_hash_miss;
+	if (new_period) {
+		shm->rx_hash_hit = 0;
+		shm->rx_hash_miss = 0;
+		shm->rx_hash_trim = 0;
+		mine = 1;
+	} else {
+		mine++;
+	}
+}
+
+// A new session of the key on the chain of `bucket` and at the front of
+// sess_cache, in a free slot or, when all 512 are in use, in the least
+// recently used one.
+session_node *session_alloc(reflector_vrf *vrf, std::uint32_t bucket, std::uint32_t discriminator,
+			    std::uint32_t source_ip)
+{
+	session_node *session;
+	if (vrf->sess_cache_count == MAX_SESSIONS) {
+		vrf->shm->rx_hash_trim++;
+		session = node_of_cache(vrf->sess_cache.prev);
+		list_unlink(&session->cache_list);
+		vrf->sess_cache_count = MAX_SESSIONS - 1;
+		list_unlink(&session->hash_list);
+		ENSURE(vrf->session_count);
+		vrf->session_count--;
+	} else {
+		ENSURE(!list_empty(&vrf->free_list));
+		session = node_of_free(vrf->free_list.next);
+		list_unlink(&session->free_link);
+	}
+	TRACE(TRACE_RX, "RX: Hash=%u, allocating new session", bucket);
+	reflector_session *s = session->shm_session;
+	std::memset(s, 0, sizeof *s);
+	s->discriminator = discriminator;
+	s->source_ip = source_ip;
+	list_init(&session->hash_list);
+	list_insert_front(&vrf->hash_tbl[bucket], &session->hash_list);
+	vrf->session_count++;
+	list_init(&session->cache_list);
+	list_insert_front(&vrf->sess_cache, &session->cache_list);
+	vrf->sess_cache_count++;
+	session_sanity_check(vrf);
+	return session;
+}
+
+// The table check scans the bucket heads four at a time, testing each for
+// an empty chain (next is the head itself) before walking it, and steps
+// along the recency list once per group alongside: the two independent
+// pointer chases overlap instead of queueing, and no link is skipped.
+constexpr std::uint32_t BUCKET_GROUP = 4;
+static_assert(SESSION_HASH_BUCKETS % BUCKET_GROUP == 0);
+static_assert(SESSION_HASH_BUCKETS / BUCKET_GROUP >= MAX_SESSIONS, "one recency step per group suffices");
+
+inline std::uint32_t chain_length(const list_link *head)
+{
+	std::uint32_t n = 0;
+	for (const list_link *l = head->next; l != head; l = l->next)
+		n++;
+	return n;
+}
+
+}  // namespace
+
+void session_sanity_check(reflector_vrf *vrf)
+{
+	ENSURE(vrf->sess_cache_count <= 512);
+	// Every bucket head, every chain link and every sess_cache link is
+	// visited, as always (see BUCKET_GROUP).
+	const list_link *cache_head = &vrf->sess_cache;
+	const list_link *c = cache_head->next;
+	std::uint32_t cache_count = 0;
+	std::uint32_t chain_count = 0;
+	const list_link *const end = vrf->hash_tbl + SESSION_HASH_BUCKETS;
+	for (const list_link *h = vrf->hash_tbl; h != end; h += BUCKET_GROUP) {
+		if (h[0].next != &h[0])
+			chain_count += chain_length(&h[0]);
+		if (h[1].next != &h[1])
+			chain_count += chain_length(&h[1]);
+		if (h[2].next != &h[2])
+			chain_count += chain_length(&h[2]);
+		if (h[3].next != &h[3])
+			chain_count += chain_length(&h[3]);
+		if (c != cache_head) {
+			cache_count++;
+			c = c->next;
+		}
+	}
+	std::uint32_t count = chain_count;
+	ENSURE(count == vrf->session_count);
+	for (; c != cache_head; c = c->next)
+		cache_count++;
+	count = cache_count;
+	ENSURE(count == vrf->sess_cache_count);
+	ENSURE(vrf->sess_cache_count == vrf->session_count);
+}
+
+// ---- session update ----
+
+namespace {
 
 void store_time(shm_timestamp &t, const timespec &now)
 {
@@ -147,12 +442,6 @@ std::int64_t stamp_us(std::int64_t sec, std::int64_t nsec)
 {
 	return static_cast<std::int64_t>(static_cast<std::uint64_t>(sec) * 1000000u +
 					 static_cast<std::uint64_t>(nsec / 1000));
-}
-
-void drop_unsupported(reflector_shm *shm)
-{
-	shm->rx_drops++;
-	shm->unsupported++;
 }
 
 // Records a valid request in its session's receive statistics.
@@ -193,6 +482,108 @@ void record_rx(reflector_session *s, const bfd_ctrl_pkt &pkt, std::uint16_t port
 	store_time(s->last_rx, now);
 }
 
+}  // namespace
+
+// ---- reply ----
+
+void get_tx_data(bfd_ctrl_pkt *bfd)
+{
+	if (bfd == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
+		return;
+	}
+	const bool down = reflector_cfg.adminDown != 0;
+	bfd->vers_diag = static_cast<std::uint8_t>((bfd->vers_diag & BFD_VERSION_MASK) |
+						   (down ? BFD_DIAG_ADMIN_DOWN : BFD_DIAG_NONE));
+	std::uint8_t flags = static_cast<std::uint8_t>(bfd->flags & BFD_FLAGS_MASK);
+	flags |= static_cast<std::uint8_t>((down ? BFD_STATE_ADMIN_DOWN : BFD_STATE_UP) << BFD_STATE_SHIFT);
+	if (flags & BFD_FLAG_P)
+		flags = static_cast<std::uint8_t>((flags & ~BFD_FLAG_P) | BFD_FLAG_F);
+	flags = static_cast<std::uint8_t>(flags & ~BFD_FLAG_D);
+	bfd->flags = flags;
+	bfd->min_echo_rx_interval = 0;
+	bfd->your_disc = bfd->my_disc;  // read before my_disc is overwritten
+	bfd->my_disc = reflector_cfg.discriminator;
+	bfd->min_rx_interval = htonl(reflector_cfg.minRx);
+}
+
+namespace {
+
+// Builds the reply in place over the request at `wire` and sends it.
+// Returns RX_FRAME_SHORT_SEND when sendto reported a length other than 24.
+int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const sockaddr_in &from,
+	       session_node *node)
+{
+	reflector_shm *shm = vrf->shm;
+	get_tx_data(&pkt);
+	std::memcpy(wire, &pkt, BFD_PKT_LEN);
+
+	const ssize_t sent = send_with_retries(vrf, wire, from);
+	if (sent < 0) {
+		maybe_dump_stats(vrf);
+		return RX_FRAME_DONE;
+	}
+	if (sent != static_cast<ssize_t>(BFD_PKT_LEN)) {
+		shm->wrong_len_sent++;
+		TRACE(TRACE_ERROR, "ERROR: sendto() returns wrong length %zd\n",
+		      static_cast<std::int32_t>(sent));
+		return RX_FRAME_SHORT_SEND;
+	}
+	TRACE(TRACE_TX,
+	      "TX: Send %d bytes back to initiator. Sent my_disc %u, your_disc %u, dst_ip %s, "
+	      "dst_port %u, min_rx_interval %u state %u,",
+	      static_cast<std::int32_t>(BFD_PKT_LEN), ntohl(pkt.my_disc), ntohl(pkt.your_disc),
+	      ipv4_dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), ntohl(pkt.min_rx_interval),
+	      bfd_state_of(pkt));
+	shm->tx_sends++;
+	if (node != nullptr)
+		record_tx(node->shm_session, pkt);
+	maybe_dump_stats(vrf);
+	return RX_FRAME_DONE;
+}
+
+// Sends the reply at `wire` to `to`, counting and tracing each failed
+// attempt: an interrupted send is tried again, one to an unreachable
+// destination up to SEND_RETRIES more times, any other failure ends it.
+// Returns what the last sendto returned; -1 when it gave up.
+ssize_t send_with_retries(reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to)
+{
+	int budget = SEND_RETRIES;
+	for (;;) {
+		const ssize_t sent = reply_sendto(vrf, wire, to);
+		if (sent >= 0)
+			return sent;
+		const int err = errno;
+		vrf->shm->sendto_fail++;
+		TRACE(TRACE_ERROR, "ERROR: sendto() returns -1, errno %d dst_ip %s\n",
+		      static_cast<std::int32_t>(err), ipv4_dotted(to.sin_addr.s_addr).text);
+		if (err == EINTR)
+			continue;
+		if (err != ENETUNREACH && err != EHOSTUNREACH)
+			return -1;
+		if (budget == 0) {
+			TRACE(TRACE_ERROR, "ERROR: retried sendto %d times but failed.",
+			      static_cast<std::int32_t>(SEND_RETRIES));
+			return -1;
+		}
+		budget--;
+	}
+}
+
+// address it will not use: -1 with errno EADDRNOTAVAIL, nothing sent. The
+// caller then counts and traces it as any failed send, without retrying.
+ssize_t reply_sendto(const reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to)
+{
+	if (reply_dst_refused(vrf, to.sin_addr.s_addr)) {
+		errno = EADDRNOTAVAIL;
+		return -1;
+	}
+	return sendto(vrf->outfd, wire, BFD_PKT_LEN, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to),
+		      sizeof to);
+}
+
+// Builds the reply in place over the request at `wire` and sends it.
+
 // Records a sent reply in its session's transmit statistics.
 void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply)
 {
@@ -210,386 +601,9 @@ void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply)
 
 // sendto of the reply at `wire` to `to`, except that a destination no reply
 // may go to (reply_dst_refused) fails as the kernel fails a send to an
-// address it will not use: -1 with errno EADDRNOTAVAIL, nothing sent. The
-// caller then counts and traces it as any failed send, without retrying.
-ssize_t reply_sendto(const reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to)
-{
-	if (reply_dst_refused(vrf, to.sin_addr.s_addr)) {
-		errno = EADDRNOTAVAIL;
-		return -1;
-	}
-	return sendto(vrf->outfd, wire, BFD_PKT_LEN, MSG_DONTWAIT, reinterpret_cast<const sockaddr *>(&to),
-		      sizeof to);
-}
-
-// Builds the reply in place over the request at `wire` and sends it.
-// Returns RX_FRAME_SHORT_SEND when sendto reported a length other than 24.
-int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const sockaddr_in &from,
-	       session_node *node)
-{
-	reflector_shm *shm = vrf->shm;
-	get_tx_data(&pkt);
-	std::memcpy(wire, &pkt, BFD_PKT_LEN);
-
-	int budget = SEND_RETRIES;
-	for (;;) {
-		const ssize_t sent = reply_sendto(vrf, wire, from);
-		if (sent < 0) {
-			const int err = errno;
-			shm->sendto_fail++;
-			TRACE(TRACE_ERROR, "ERROR: sendto() returns -1, errno %d dst_ip %s\n",
-			      static_cast<std::int32_t>(err), dotted(from.sin_addr.s_addr).text);
-			if (err == ENETUNREACH || err == EHOSTUNREACH) {
-				if (budget == 0) {
-					TRACE(TRACE_ERROR, "ERROR: retried sendto %d times but failed.",
-					      static_cast<std::int32_t>(SEND_RETRIES));
-					maybe_dump_stats(vrf);
-					return RX_FRAME_DONE;
-				}
-				budget--;
-				continue;
-			}
-			if (err == EINTR)
-				continue;
-			maybe_dump_stats(vrf);
-			return RX_FRAME_DONE;
-		}
-		if (sent != static_cast<ssize_t>(BFD_PKT_LEN)) {
-			shm->wrong_len_sent++;
-			TRACE(TRACE_ERROR, "ERROR: sendto() returns wrong length %zd\n",
-			      static_cast<std::int32_t>(sent));
-			return RX_FRAME_SHORT_SEND;
-		}
-		break;
-	}
-
-	TRACE(TRACE_TX,
-	      "TX: Send %d bytes back to initiator. Sent my_disc %u, your_disc %u, dst_ip %s, "
-	      "dst_port %u, min_rx_interval %u state %u,",
-	      static_cast<std::int32_t>(BFD_PKT_LEN), ntohl(pkt.my_disc), ntohl(pkt.your_disc),
-	      dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), ntohl(pkt.min_rx_interval),
-	      bfd_state_of(pkt));
-	shm->tx_sends++;
-	if (node != nullptr)
-		record_tx(node->shm_session, pkt);
-	maybe_dump_stats(vrf);
-	return RX_FRAME_DONE;
-}
-
-// The table check scans the bucket heads four at a time, testing each for
-// an empty chain (next is the head itself) before walking it, and steps
-// along the recency list once per group alongside: the two independent
-// pointer chases overlap instead of queueing, and no link is skipped.
-constexpr std::uint32_t BUCKET_GROUP = 4;
-static_assert(SESSION_HASH_BUCKETS % BUCKET_GROUP == 0);
-static_assert(SESSION_HASH_BUCKETS / BUCKET_GROUP >= MAX_SESSIONS, "one recency step per group suffices");
-
-inline std::uint32_t chain_length(const list_link *head)
-{
-	std::uint32_t n = 0;
-	for (const list_link *l = head->next; l != head; l = l->next)
-		n++;
-	return n;
-}
-
 }  // namespace
 
-// ---- control packet validation ----
-
-bool sbfd_packet_valid(const bfd_ctrl_pkt *bfd, std::int64_t len, sockaddr_in from,
-		       reflector_vrf *vrf)
-{
-	if (bfd == nullptr) {
-		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
-		return false;
-	}
-	if (vrf == nullptr) {
-		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
-		return false;
-	}
-	reflector_shm *shm = vrf->shm;
-	if (len < static_cast<std::int64_t>(BFD_PKT_LEN)) {
-		shm->pkt_truncated++;
-		TRACE(TRACE_ERROR, "ERROR: Pkt truncated. Recvd len %d, source_ip %s", len,
-		      dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	const std::uint32_t my_disc = ntohl(bfd->my_disc);
-	if (bfd_version(*bfd) != BFD_VERSION) {
-		shm->bad_version++;
-		TRACE(TRACE_ERROR, "ERROR: Bad version %d. Recvd my_disc %u, source_ip %s",
-		      bfd_version(*bfd), my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	if (static_cast<std::int64_t>(bfd->length) > len) {
-		shm->invalid_pkt_len++;
-		TRACE(TRACE_ERROR, "ERROR: Invalid bfd ctrl pkt length %d. Rcvd len %d, source_ip %s",
-		      bfd->length, len, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	const std::uint16_t port = ntohs(from.sin_port);
-	if (port == SBFD_PORT) {
-		shm->invalid_src_port++;
-		TRACE(TRACE_ERROR, "ERROR: Invalid source port %hhu. Recvd my_disc %u, source_ip %s",
-		      port, my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	if ((bfd->flags & BFD_FLAG_D) == 0) {
-		shm->demand_mode_unset++;
-		TRACE(TRACE_ERROR, "ERROR: Demand mode bit is not set. Recvd my_disc %u, source_ip %s",
-		      my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	if (bfd->detect_multiplier == 0) {
-		shm->invalid_detect_mult++;
-		TRACE(TRACE_ERROR, "ERROR: Detect Mult is not set. Recvd my_disc %u, source_ip %s",
-		      my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	if (my_disc == 0) {
-		shm->invalid_my_disc++;
-		TRACE(TRACE_ERROR, "ERROR: My discriminator is not set. source_ip %s",
-		      dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	// Down (1) and Up (3) have bit 0x40 set; AdminDown (0) and Init (2) do not.
-	if (bfd_state_of(*bfd) != BFD_STATE_DOWN && bfd_state_of(*bfd) != BFD_STATE_UP) {
-		shm->invalid_bfd_state++;
-		TRACE(TRACE_ERROR,
-		      "ERROR: Initiator BFD state %hhu is invalid. Recvd my_disc %u, source_ip %s",
-		      bfd_state_of(*bfd), my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	if (bfd->your_disc != reflector_cfg.discriminator) {
-		shm->your_disc_unmatch++;
-		TRACE(TRACE_ERROR,
-		      "ERROR: Recvd discriminator %u is not destined to this reflector. Recvd my_disc "
-		      "%u, source_ip %s",
-		      ntohl(bfd->your_disc), my_disc, dotted(from.sin_addr.s_addr).text);
-		return false;
-	}
-	shm->rx_valid_pkts++;
-	return true;
-}
-
-// ---- reply construction ----
-
-void get_tx_data(bfd_ctrl_pkt *bfd)
-{
-	if (bfd == nullptr) {
-		TRACE(TRACE_ERROR, "ERROR: bfd is NULL");
-		return;
-	}
-	const bool down = reflector_cfg.adminDown != 0;
-	bfd->vers_diag = static_cast<std::uint8_t>((bfd->vers_diag & 0xE0) |
-						   (down ? BFD_DIAG_ADMIN_DOWN : 0));
-	std::uint8_t flags = static_cast<std::uint8_t>(bfd->flags & 0x3F);
-	flags |= static_cast<std::uint8_t>((down ? BFD_STATE_ADMIN_DOWN : BFD_STATE_UP) << 6);
-	if (flags & BFD_FLAG_P)
-		flags = static_cast<std::uint8_t>((flags & ~BFD_FLAG_P) | BFD_FLAG_F);
-	flags = static_cast<std::uint8_t>(flags & ~BFD_FLAG_D);
-	bfd->flags = flags;
-	bfd->min_echo_rx_interval = 0;
-	bfd->your_disc = bfd->my_disc;  // read before my_disc is overwritten
-	bfd->my_disc = reflector_cfg.discriminator;
-	bfd->min_rx_interval = htonl(reflector_cfg.minRx);
-}
-
-// ---- session table ----
-
-std::uint32_t hashmix(std::uint32_t value, std::uint32_t initial, std::int32_t final)
-{
-	std::uint32_t h = initial;
-	for (int shift = 0; shift < 32; shift += 8) {
-		h += (value >> shift) & 0xFF;
-		h += h << 10;
-		h ^= h >> 6;
-	}
-	if (final != 0) {
-		h += h << 3;
-		h ^= h >> 11;
-		h += h << 15;
-	}
-	return h;
-}
-
-std::uint32_t get_session_hash(std::uint32_t source_ip, std::uint32_t discriminator)
-{
-	return hashmix(discriminator, hashmix(source_ip, 0, 0), 1) & SESSION_HASH_MASK;
-}
-
-session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator, std::uint32_t source_ip)
-{
-	if (vrf == nullptr) {
-		TRACE(TRACE_ERROR, "ERR: vrf struct is NULL");
-		return nullptr;
-	}
-	reflector_shm *shm = vrf->shm;
-	const std::uint32_t b = get_session_hash(source_ip, discriminator);
-	list_link *bucket = &vrf->hash_tbl[b];
-	const bool new_period = (shm->rx_valid_pkts & HASH_PERIOD_MASK) == 0;
-
-	for (list_link *l = bucket->next; l != bucket; l = l->next) {
-		session_node *session = node_of_hash(l);
-		const reflector_session *s = session->shm_session;
-		if (s->discriminator != discriminator || s->source_ip != source_ip)
-			continue;
-		if (new_period) {
-			shm->rx_hash_miss = 0;
-			shm->rx_hash_trim = 0;
-			shm->rx_hash_hit = 1;
-		} else {
-			shm->rx_hash_hit++;
-		}
-		TRACE(TRACE_RX, "RX: Hash=%u, found exising session", b);
-		if (vrf->sess_cache_count <= 1)
-			ENSURE(vrf->sess_cache.next == &session->cache_list);
-		else if (vrf->sess_cache.next != &session->cache_list)
-			list_move_front(&vrf->sess_cache, &session->cache_list);
-		session_sanity_check(vrf);
-		return session;
-	}
-
-	if (new_period) {
-		shm->rx_hash_hit = 0;
-		shm->rx_hash_trim = 0;
-		shm->rx_hash_miss = 1;
-	} else {
-		shm->rx_hash_miss++;
-	}
-	session_node *session;
-	if (vrf->sess_cache_count == MAX_SESSIONS) {
-		shm->rx_hash_trim++;
-		session = node_of_cache(vrf->sess_cache.prev);
-		list_unlink(&session->cache_list);
-		vrf->sess_cache_count = MAX_SESSIONS - 1;
-		list_unlink(&session->hash_list);
-		ENSURE(vrf->session_count);
-		vrf->session_count--;
-	} else {
-		ENSURE(!list_empty(&vrf->free_list));
-		session = node_of_free(vrf->free_list.next);
-		list_unlink(&session->free_link);
-	}
-	TRACE(TRACE_RX, "RX: Hash=%u, allocating new session", b);
-	reflector_session *s = session->shm_session;
-	std::memset(s, 0, sizeof *s);
-	s->discriminator = discriminator;
-	s->source_ip = source_ip;
-	list_init(&session->hash_list);
-	list_insert_front(bucket, &session->hash_list);
-	vrf->session_count++;
-	list_init(&session->cache_list);
-	list_insert_front(&vrf->sess_cache, &session->cache_list);
-	vrf->sess_cache_count++;
-	session_sanity_check(vrf);
-	return session;
-}
-
-void session_sanity_check(reflector_vrf *vrf)
-{
-	ENSURE(vrf->sess_cache_count <= 512);
-	// Every bucket head, every chain link and every sess_cache link is
-	// visited, as always (see BUCKET_GROUP).
-	const list_link *cache_head = &vrf->sess_cache;
-	const list_link *c = cache_head->next;
-	std::uint32_t cache_count = 0;
-	std::uint32_t chain_count = 0;
-	const list_link *const end = vrf->hash_tbl + SESSION_HASH_BUCKETS;
-	for (const list_link *h = vrf->hash_tbl; h != end; h += BUCKET_GROUP) {
-		if (h[0].next != &h[0])
-			chain_count += chain_length(&h[0]);
-		if (h[1].next != &h[1])
-			chain_count += chain_length(&h[1]);
-		if (h[2].next != &h[2])
-			chain_count += chain_length(&h[2]);
-		if (h[3].next != &h[3])
-			chain_count += chain_length(&h[3]);
-		if (c != cache_head) {
-			cache_count++;
-			c = c->next;
-		}
-	}
-	std::uint32_t count = chain_count;
-	ENSURE(count == vrf->session_count);
-	for (; c != cache_head; c = c->next)
-		cache_count++;
-	count = cache_count;
-	ENSURE(count == vrf->sess_cache_count);
-	ENSURE(vrf->sess_cache_count == vrf->session_count);
-}
-
-void dump_hash_tbl(reflector_vrf *vrf)
-{
-	TRACE(TRACE_FUNC, "dump_hash_tbl");
-	TRACE(TRACE_STATS, "Hash Table (HashCnt=%d, CacheCnt=%d):", vrf->session_count,
-	      vrf->sess_cache_count);
-	std::uint32_t count = 0;
-	for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++) {
-		list_link *head = &vrf->hash_tbl[b];
-		for (list_link *l = head->next; l != head; l = l->next) {
-			const reflector_session *s = node_of_hash(l)->shm_session;
-			count++;
-			TRACE(TRACE_STATS, "%d: slot %d discriminator %d, source_ip %s", count, b,
-			      s->discriminator, ip_text(s->source_ip));
-		}
-	}
-	ENSURE(count == vrf->session_count);
-}
-
-void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node)
-{
-	list_init(&node->cache_list);
-	const shm_timestamp &t = node->shm_session->last_rx;
-	list_link *head = &vrf->sess_cache;
-	list_link *e = head->next;
-	for (; e != head; e = e->next) {
-		const shm_timestamp &et = node_of_cache(e)->shm_session->last_rx;
-		const double d = difftime(static_cast<time_t>(t.tv_sec), static_cast<time_t>(et.tv_sec));
-		if (d > 0 || (d == 0 && t.tv_nsec > et.tv_nsec))
-			break;
-	}
-	// e is the first older element, or the head itself: before the head is the tail.
-	list_insert_before(e, &node->cache_list);
-	vrf->sess_cache_count++;
-}
-
-int session_table_setup(reflector_vrf *vrf)
-{
-	vrf->rx_sess = static_cast<session_node *>(std::calloc(MAX_SESSIONS, sizeof(session_node)));
-	if (vrf->rx_sess == nullptr) {
-		TRACE(TRACE_ERROR, "ERROR: reflector rx_sess malloc() failed");
-		return SETUP_ERR_NOMEM;
-	}
-	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++)
-		vrf->rx_sess[k].shm_session = &vrf->shm->sessions[k];
-	list_init(&vrf->free_list);
-	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
-		if (vrf->shm->sessions[k].discriminator == 0)
-			list_insert_front(&vrf->free_list, &vrf->rx_sess[k].free_link);
-	}
-	if (reflector_cfg.persist)
-		reflector_cache_reinit(vrf);
-	return 0;
-}
-
-void reflector_cache_reinit(reflector_vrf *vrf)
-{
-	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
-		session_node *node = &vrf->rx_sess[k];
-		const reflector_session *s = node->shm_session;
-		if (s->discriminator == 0)
-			continue;
-		const std::uint32_t h = get_session_hash(s->source_ip, s->discriminator);
-		list_init(&node->hash_list);
-		list_insert_front(&vrf->hash_tbl[h], &node->hash_list);
-		vrf->session_count++;
-		session_cache_insert_by_time(vrf, node);
-		ENSURE(vrf->session_count == vrf->sess_cache_count);
-	}
-}
-
-// ---- statistics report ----
+// ---- report ----
 
 void maybe_dump_stats(reflector_vrf *vrf)
 {
@@ -664,8 +678,7 @@ void dump_session(session_node *node)
 	if (!bl_isInitialized(bl_handle))
 		return;  // nothing below has an effect without a trace
 	const reflector_session *s = node->shm_session;
-	const std::uint64_t avg = s->num_received >= 2 ? s->period_sum / (s->num_received - 1)
-						       : s->period_sum;
+	const std::uint64_t avg = shm_avg_period(*s);
 	// A record's arguments are all evaluated before the first is put, so
 	// the two ctime texts of one record need buffers of their own (ctime's
 	// static buffer would show the same time twice).
@@ -679,7 +692,7 @@ void dump_session(session_node *node)
 	      "SESSION STATS-RX: discriminator %d, source_ip %s, min_period %u, max_period %u, "
 	      "avg_period %u, num_received %lu, last_rx %s (%lu.%09lu), last_state_change %s "
 	      "(%lu.%09lu)",
-	      s->discriminator, ip_text(s->source_ip), s->min_period, s->max_period,
+	      s->discriminator, ipv4_dotted(s->source_ip).text, s->min_period, s->max_period,
 	      static_cast<std::uint32_t>(avg), s->num_received, rx_time,
 	      static_cast<std::uint64_t>(s->last_rx.tv_sec),
 	      static_cast<std::uint64_t>(s->last_rx.tv_nsec), rx_change_time,
@@ -694,105 +707,79 @@ void dump_session(session_node *node)
 	      static_cast<std::uint64_t>(s->last_tx_state_change.tv_nsec));
 }
 
-// ---- frame reception ----
-
-int rx_handle_frame(reflector_vrf *vrf, std::uint8_t *buf, std::int32_t n)
+void dump_hash_tbl(reflector_vrf *vrf)
 {
-	reflector_shm *shm = vrf->shm;
-	TRACE(TRACE_RX, "RX: socket ready with %lu bytes", n);
-
-	// Decapsulation: Ethernet, at most one MPLS label of value 0, IPv4, UDP.
-	std::size_t ip_off;
-	const std::uint16_t eth_type = load_be16(buf + ETH_TYPE_OFF);
-	if (eth_type == ETH_P_MPLS_UC) {
-		const std::uint32_t lse = load_be32(buf + ETH_HDR_LEN);
-		const std::uint32_t label = lse >> MPLS_LABEL_SHIFT;
-		if (label != 0) {
-			TRACE(TRACE_ERROR, "ERROR: top label %u is not supported", label);
-			drop_unsupported(shm);
-			return RX_FRAME_DONE;
+	TRACE(TRACE_FUNC, "dump_hash_tbl");
+	TRACE(TRACE_STATS, "Hash Table (HashCnt=%d, CacheCnt=%d):", vrf->session_count,
+	      vrf->sess_cache_count);
+	std::uint32_t count = 0;
+	for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++) {
+		list_link *head = &vrf->hash_tbl[b];
+		for (list_link *l = head->next; l != head; l = l->next) {
+			const reflector_session *s = node_of_hash(l)->shm_session;
+			count++;
+			TRACE(TRACE_STATS, "%d: slot %d discriminator %d, source_ip %s", count, b,
+			      s->discriminator, ipv4_dotted(s->source_ip).text);
 		}
-		if ((lse & MPLS_BOS) == 0) {
-			TRACE(TRACE_ERROR, "ERROR: multiple labels is not supported");
-			drop_unsupported(shm);
-			return RX_FRAME_DONE;
-		}
-		ip_off = ETH_HDR_LEN + MPLS_LSE_LEN;
-	} else if (eth_type == ETH_P_IPV4) {
-		ip_off = ETH_HDR_LEN;
-	} else {
-		TRACE(TRACE_ERROR, "ERROR: EthType %u is not supported", eth_type);
-		drop_unsupported(shm);
-		return RX_FRAME_DONE;
 	}
-	const std::size_t ihl = buf[ip_off] & 0x0F;
-	const std::uint8_t proto = buf[ip_off + IP_PROTO_OFF];
-	if (proto != IPPROTO_UDP_NUM) {
-		TRACE(TRACE_ERROR, "ERROR: BFD control packet should be over UDP, got protocol %u",
-		      proto);
-		shm->rx_drops++;
-		shm->invalid_pkt_format++;
-		return RX_FRAME_DONE;
-	}
-	const std::size_t udp_off = ip_off + 4 * ihl;
-	const std::size_t ctrl_off = udp_off + UDP_HDR_LEN;
-	// ctrl_off + BFD_PKT_LEN <= RX_READ_LIMIT: the copy below stays in the zeroed prefix.
-	sockaddr_in from{};
-	from.sin_family = AF_INET;
-	std::memcpy(&from.sin_port, buf + udp_off, sizeof from.sin_port);
-	std::memcpy(&from.sin_addr.s_addr, buf + ip_off + IP_SADDR_OFF, sizeof from.sin_addr.s_addr);
-	const std::int64_t len = static_cast<std::int64_t>(n) - static_cast<std::int64_t>(ctrl_off);
-	bfd_ctrl_pkt pkt;
-	std::memcpy(&pkt, buf + ctrl_off, sizeof pkt);
-
-	if (!sbfd_packet_valid(&pkt, len, from, vrf)) {
-		shm->rx_drops++;
-		maybe_dump_stats(vrf);
-		return RX_FRAME_DONE;
-	}
-	TRACE(TRACE_RX,
-	      "RX: Recvd discriminator is destined to this reflector. Recvd my_disc %u, source_ip %s, "
-	      "source_port %u, state %u, min_tx_interval %u, detect_multiplier %u",
-	      ntohl(pkt.my_disc), dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), bfd_state_of(pkt),
-	      ntohl(pkt.min_tx_interval), pkt.detect_multiplier);
-
-	session_node *node = get_session(vrf, ntohl(pkt.my_disc), from.sin_addr.s_addr);
-	if (node != nullptr)
-		record_rx(node->shm_session, pkt, from.sin_port);
-	return send_reply(vrf, buf + ctrl_off, pkt, from, node);
+	ENSURE(count == vrf->session_count);
 }
 
-void rx_data_ready(int fd, short what, void *arg)
-{
-	reflector_vrf *vrf = static_cast<reflector_vrf *>(arg);
-	if (vrf == nullptr) {
-		TRACE(TRACE_ERROR, "ERROR: vrf is NULL");
-		return;
-	}
-	TRACE(TRACE_EVENT, "EVENT: Got an event on socket %d:%s%s [%s]", static_cast<std::int32_t>(fd),
-	      (what & EV_READ) ? " read" : "", (what & EV_WRITE) ? " write" : "", vrf->name);
+// ---- the session table at start-up ----
 
-	// Only the prefix that decapsulation can read needs zeros (RX_READ_LIMIT).
-	alignas(16) std::uint8_t buf[RX_BUF_LEN];
-	std::memset(buf, 0, RX_READ_LIMIT);
-	sockaddr_in addr{};
-	socklen_t addr_len = sizeof addr;
-	static_assert(sizeof addr == 16);
-	const std::int32_t n = static_cast<std::int32_t>(
-		recvfrom(fd, buf, RX_BUF_LEN, 0, reinterpret_cast<sockaddr *>(&addr), &addr_len));
-	if (n == 0) {
-		TRACE(TRACE_ERROR, "ERROR: packet missing or remote side closed the connection.");
-		return;
+void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node)
+{
+	list_init(&node->cache_list);
+	const shm_timestamp &t = node->shm_session->last_rx;
+	list_link *head = &vrf->sess_cache;
+	list_link *e = head->next;
+	for (; e != head; e = e->next) {
+		const shm_timestamp &et = node_of_cache(e)->shm_session->last_rx;
+		const double d = difftime(static_cast<time_t>(t.tv_sec), static_cast<time_t>(et.tv_sec));
+		if (d > 0 || (d == 0 && t.tv_nsec > et.tv_nsec))
+			break;
 	}
-	if (n < 0) {
-		TRACE(TRACE_ERROR, "ERROR: recvfrom returns -1, errno %d", static_cast<std::int32_t>(errno));
-		return;
-	}
-	if (rx_handle_frame(vrf, buf, n) == RX_FRAME_SHORT_SEND)
-		ENSURE(0);  // a datagram socket sends all 24 bytes or nothing
+	// e is the first older element, or the head itself: before the head is the tail.
+	list_insert_before(e, &node->cache_list);
+	vrf->sess_cache_count++;
 }
 
-// ---- netlink control channel ----
+int session_table_setup(reflector_vrf *vrf)
+{
+	vrf->rx_sess = static_cast<session_node *>(std::calloc(MAX_SESSIONS, sizeof(session_node)));
+	if (vrf->rx_sess == nullptr) {
+		TRACE(TRACE_ERROR, "ERROR: reflector rx_sess malloc() failed");
+		return SETUP_ERR_NOMEM;
+	}
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++)
+		vrf->rx_sess[k].shm_session = &vrf->shm->sessions[k];
+	list_init(&vrf->free_list);
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
+		if (vrf->shm->sessions[k].discriminator == 0)
+			list_insert_front(&vrf->free_list, &vrf->rx_sess[k].free_link);
+	}
+	if (reflector_cfg.persist)
+		reflector_cache_reinit(vrf);
+	return 0;
+}
+
+void reflector_cache_reinit(reflector_vrf *vrf)
+{
+	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++) {
+		session_node *node = &vrf->rx_sess[k];
+		const reflector_session *s = node->shm_session;
+		if (s->discriminator == 0)
+			continue;
+		const std::uint32_t h = get_session_hash(s->source_ip, s->discriminator);
+		list_init(&node->hash_list);
+		list_insert_front(&vrf->hash_tbl[h], &node->hash_list);
+		vrf->session_count++;
+		session_cache_insert_by_time(vrf, node);
+		ENSURE(vrf->session_count == vrf->sess_cache_count);
+	}
+}
+
+// ---- control channel ----
 
 void rx_netlink_ready(int fd, short what, void *arg)
 {
@@ -821,28 +808,44 @@ void rx_netlink_ready(int fd, short what, void *arg)
 	}
 	TRACE(TRACE_RX, "RX: socket netlink ready with %lu bytes", n);
 
-	// Walk the messages; `remaining` counts the bytes from `off` to the end
-	// of the datagram, and every read goes through the *_within helpers.
-	const std::size_t total = static_cast<std::size_t>(n);
+	if (!nl_apply_datagram({buf, static_cast<std::size_t>(n)}))
+		return;
+	// A new source address: the transmit socket is bound to the old one.
+	close(vrf->outfd);
+	if (init_out_socket(vrf) != INIT_OK) {
+		TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
+		std::exit(0);
+	}
+}
+
+namespace {
+
+// Applies every set message of one control datagram to reflector_cfg, in
+// order. Returns true when the source address changed. `remaining` counts
+// the bytes from `off` to the end of the datagram, and every field read is
+// bounded by the datagram (load_host_within).
+bool nl_apply_datagram(std::span<const std::uint8_t> dgram)
+{
 	std::size_t off = 0;
-	std::size_t remaining = total;
+	std::size_t remaining = dgram.size();
 	bool source_changed = false;
 	while (remaining >= NL_HDR_LEN) {
 		nlmsghdr h;
-		std::memcpy(&h, buf + off, sizeof h);
+		std::memcpy(&h, dgram.data() + off, sizeof h);
 		if (h.nlmsg_len < NL_HDR_LEN || h.nlmsg_len > remaining)
 			break;
 		if (h.nlmsg_flags & NLM_F_REQUEST) {
 			if (h.nlmsg_type != REFLECTOR_NL_SET) {
 				TRACE(TRACE_ERROR, "ERROR-Netlink: Unknown message type %d, data %d",
-				      h.nlmsg_type, load_u32_within(buf, total, off + NL_DISC_OFF));
+				      h.nlmsg_type, load_host_within<std::uint32_t>(dgram, off + NL_DISC_OFF));
 			} else {
-				const std::uint32_t disc = load_u32_within(buf, total, off + NL_DISC_OFF);
-				const std::uint32_t min_rx = load_u32_within(buf, total, off + NL_MIN_RX_OFF);
-				const std::uint32_t src_ip = htonl(load_u32_within(buf, total, off + NL_SRC_IP_OFF));
-				const std::uint8_t admin = load_u8_within(buf, total, off + NL_ADMIN_OFF);
+				const std::uint32_t disc = load_host_within<std::uint32_t>(dgram, off + NL_DISC_OFF);
+				const std::uint32_t min_rx = load_host_within<std::uint32_t>(dgram, off + NL_MIN_RX_OFF);
+				const std::uint32_t src_ip =
+					htonl(load_host_within<std::uint32_t>(dgram, off + NL_SRC_IP_OFF));
+				const std::uint8_t admin = load_host_within<std::uint8_t>(dgram, off + NL_ADMIN_OFF);
 				TRACE(TRACE_RX, "RX-Netlink: set disc %d min_rx %d src_ip %s adminDown %d", disc,
-				      min_rx, ip_text(src_ip), admin != 0);
+				      min_rx, ipv4_dotted(src_ip).text, admin != 0);
 				reflector_cfg.discriminator = htonl(disc);
 				reflector_cfg.minRx = min_rx;
 				if (src_ip != reflector_cfg.sourceIp)
@@ -857,15 +860,10 @@ void rx_netlink_ready(int fd, short what, void *arg)
 		remaining -= step;
 		off += step;
 	}
-
-	if (!source_changed)
-		return;
-	close(vrf->outfd);
-	if (init_out_socket(vrf) != INIT_OK) {
-		TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
-		std::exit(0);
-	}
+	return source_changed;
 }
+
+}  // namespace
 
 // ---- the reply's destination and the own addresses ----
 
@@ -911,13 +909,13 @@ void local_addr_add(local_addr_table &t, std::uint32_t addr, std::uint32_t ifind
 	}
 	if (t.count == LOCAL_ADDR_MAX) {
 		TRACE(TRACE_ERROR, "ERROR: address table full (%u entries), replies to %s are not refused",
-		      static_cast<std::uint32_t>(LOCAL_ADDR_MAX), dotted(addr).text);
+		      static_cast<std::uint32_t>(LOCAL_ADDR_MAX), ipv4_dotted(addr).text);
 		return;
 	}
 	std::memmove(&t.entries[i + 1], &t.entries[i], (t.count - i) * sizeof t.entries[0]);
 	t.entries[i] = {addr, ifindex, false};
 	t.count++;
-	TRACE(TRACE_RX, "RX-Address: add %s, ifindex %u", dotted(addr).text, ifindex);
+	TRACE(TRACE_RX, "RX-Address: add %s, ifindex %u", ipv4_dotted(addr).text, ifindex);
 }
 
 void local_addr_remove(local_addr_table &t, std::uint32_t addr, std::uint32_t ifindex)
@@ -927,7 +925,7 @@ void local_addr_remove(local_addr_table &t, std::uint32_t addr, std::uint32_t if
 		return;
 	std::memmove(&t.entries[i], &t.entries[i + 1], (t.count - i - 1) * sizeof t.entries[0]);
 	t.count--;
-	TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", dotted(addr).text, ifindex);
+	TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", ipv4_dotted(addr).text, ifindex);
 }
 
 // Ends the dump under way. A `complete` one drops the entries it did not
@@ -940,7 +938,7 @@ void local_addr_dump_end(reflector_vrf *vrf, bool complete)
 	for (std::uint32_t i = 0; i < t.count; i++) {
 		local_addr e = t.entries[i];
 		if (e.stale && complete) {
-			TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", dotted(e.addr).text, e.ifindex);
+			TRACE(TRACE_RX, "RX-Address: remove %s, ifindex %u", ipv4_dotted(e.addr).text, e.ifindex);
 			continue;
 		}
 		e.stale = false;
@@ -1014,7 +1012,7 @@ void local_addr_apply(reflector_vrf *vrf, const std::uint8_t *buf, std::size_t n
 			local_addr_dump_end(vrf, true);
 		} else if (dump_part && h.nlmsg_type == NLMSG_ERROR) {
 			TRACE(TRACE_ERROR, "ERROR: address dump failed, errno %d",
-			      -static_cast<std::int32_t>(load_u32_within(buf, n, off + NL_ERRNO_OFF)));
+			      -static_cast<std::int32_t>(load_host_within<std::uint32_t>({buf, n}, off + NL_ERRNO_OFF)));
 			local_addr_dump_end(vrf, false);
 		}
 		off += NLMSG_ALIGN(h.nlmsg_len);

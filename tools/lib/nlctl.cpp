@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "argparse.h"
 #include "netns.h"
 #include "unique_fd.h"
 
@@ -35,54 +36,17 @@ std::array<std::uint8_t, NLCTL_MSG_LEN> nlctl_encode(const nlctl_config &c, std:
 	return m;
 }
 
-namespace {
-
-// "'TEXT'WHY": the message of a rejected argument. Built by appending: an
-// insertion at the front of a temporary string trips a false -Wrestrict of
-// GCC 12 at -O3.
-std::string rejected(const char *text, const char *why)
-{
-	std::string m = "'";
-	m.append(text != nullptr ? text : "").append("'").append(why);
-	return m;
-}
-
-}  // namespace
-
-bool nlctl_parse_u32(const char *text, std::uint32_t lo, std::uint32_t hi, std::uint32_t *out,
-		     std::string *err)
-{
-	std::string range = " (expected " + std::to_string(lo) + ".." + std::to_string(hi) + ")";
-	if (text == nullptr || *text < '0' || *text > '9') {
-		*err = rejected(text, " is not a number") + range;
-		return false;
-	}
-	errno = 0;
-	char *end = nullptr;
-	unsigned long long v = std::strtoull(text, &end, 10);
-	if (*end != '\0') {
-		*err = rejected(text, " is not a number") + range;
-		return false;
-	}
-	if (errno == ERANGE || v < lo || v > hi) {
-		*err = rejected(text, " is out of range") + range;
-		return false;
-	}
-	*out = static_cast<std::uint32_t>(v);
-	return true;
-}
-
 bool nlctl_parse_ipv4(const char *text, std::uint32_t *host_order, std::string *err)
 {
 	in_addr a{};
 	if (text == nullptr || inet_pton(AF_INET, text, &a) != 1) {
-		*err = rejected(text, " is not an IPv4 address (a.b.c.d)");
+		*err = arg_rejected(text, " is not an IPv4 address (a.b.c.d)");
 		return false;
 	}
 	std::uint32_t h = ntohl(a.s_addr);
 	if (ipv4_martian(h)) {
-		*err = rejected(text, " cannot be a source address (0.0.0.0/8, 127.0.0.0/8 and "
-				      "224.0.0.0/3 never are)");
+		*err = arg_rejected(text, " cannot be a source address (0.0.0.0/8, 127.0.0.0/8 and "
+					  "224.0.0.0/3 never are)");
 		return false;
 	}
 	*host_order = h;
@@ -133,7 +97,7 @@ bool nlctl_read_pidfile(const char *path, pid_t *pid, std::string *err)
 	}
 	std::uint32_t v;
 	std::string why;
-	if (!nlctl_parse_u32(text.c_str(), 1, 0x7fffffff, &v, &why)) {
+	if (!arg_parse_u32(text.c_str(), 1, 0x7fffffff, &v, &why)) {
 		*err = expect + ": " + why;
 		return false;
 	}
@@ -210,8 +174,7 @@ int nlctl_send(pid_t pid, const char *netns, const std::array<std::uint8_t, NLCT
 int nlctl_check_source(const char *netns, std::uint32_t src_ip, std::string *err)
 {
 	in_addr a{htonl(src_ip)};
-	char text[INET_ADDRSTRLEN];
-	inet_ntop(AF_INET, &a, text, sizeof text);
+	const ipv4_text text = ipv4_dotted(a.s_addr);
 	unique_fd fd{netnsSocketAt(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0, netns)};
 	if (fd.get() < 0) {
 		*err = std::string("UDP socket in namespace ") + netns + ": " + std::strerror(errno);
@@ -223,13 +186,13 @@ int nlctl_check_source(const char *netns, std::uint32_t src_ip, std::string *err
 	if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0) {
 		const int e = errno;
 		if (e == EADDRNOTAVAIL) {
-			*err = std::string("source ") + text + " is no address of " +
+			*err = std::string("source ") + text.text + " is no address of " +
 			       (std::strcmp(netns, "default") == 0 ? std::string("this network namespace")
 								    : std::string("network namespace ") + netns) +
 			       ": the daemon could not send from it";
 			return NLCTL_ERR_SOURCE;
 		}
-		*err = std::string("bind ") + text + ": " + std::strerror(e);
+		*err = std::string("bind ") + text.text + ": " + std::strerror(e);
 		return NLCTL_ERR_SYSTEM;
 	}
 	return NLCTL_OK;

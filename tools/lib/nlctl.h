@@ -2,21 +2,10 @@
 // channel: validate a configuration, encode it as one netlink message, find
 // the daemon and send the message to it.
 //
-// Message sent (NETLINK_USERSOCK, host byte order, 32 bytes):
-//
-//   0  u32 nlmsg_len    32 (16-byte header + reflector_nl_config, padded)
-//   4  u16 nlmsg_type   REFLECTOR_NL_SET (16)
-//   6  u16 nlmsg_flags  NLM_F_REQUEST
-//   8  u32 nlmsg_seq    caller's sequence number
-//   12 u32 nlmsg_pid    0 (the kernel fills in the sender's port)
-//   16 u32 disc         new local discriminator
-//   20 u32 min_rx       new minimum receive interval, us
-//   24 u32 src_ip       new source address, host-order integer
-//   28 u8  adminDown    0 up, 1 administratively down
-//   29 u8[3]            zero
-//
-// The daemon applies all four values of every message and answers nothing,
-// so an agent has to send the complete configuration each time.
+// The message is the one wire.h describes (reflector_nl_config after a
+// netlink header, 32 bytes). The daemon applies all four values of every
+// message and answers nothing, so an agent has to send the complete
+// configuration each time.
 #pragma once
 
 #include <sys/types.h>
@@ -25,9 +14,9 @@
 #include <cstdint>
 #include <string>
 
-#include "reflector.h"
+#include "wire.h"
 
-constexpr std::size_t NLCTL_MSG_LEN = 16 + sizeof(reflector_nl_config);  // header + payload
+constexpr std::size_t NLCTL_MSG_LEN = NL_HDR_LEN + sizeof(reflector_nl_config);  // header + payload
 static_assert(NLCTL_MSG_LEN == 32);
 
 // The daemon's configuration as the agent gives it; host order throughout.
@@ -40,11 +29,6 @@ struct nlctl_config {
 
 // Encodes `c` as the one message above.
 std::array<std::uint8_t, NLCTL_MSG_LEN> nlctl_encode(const nlctl_config &c, std::uint32_t seq);
-
-// Parses a decimal number in [lo, hi] (no sign, no blanks, no trailing text).
-// Returns false, with a message in *err, otherwise.
-bool nlctl_parse_u32(const char *text, std::uint32_t lo, std::uint32_t hi, std::uint32_t *out,
-		     std::string *err);
 
 // Parses a dotted-quad IPv4 address into a host-order integer. Addresses no
 // S-BFD packet may come from (ipv4_martian: 0.0.0.0/8, loopback, multicast,

@@ -27,33 +27,6 @@
 
 namespace {
 
-void put16(std::uint8_t *p, std::uint16_t v)
-{
-	p[0] = static_cast<std::uint8_t>(v >> 8);
-	p[1] = static_cast<std::uint8_t>(v);
-}
-
-void put32(std::uint8_t *p, std::uint32_t v)
-{
-	put16(p, static_cast<std::uint16_t>(v >> 16));
-	put16(p + 2, static_cast<std::uint16_t>(v));
-}
-
-std::uint16_t get16(const std::uint8_t *p) { return static_cast<std::uint16_t>(p[0] << 8 | p[1]); }
-
-std::uint32_t get32(const std::uint8_t *p)
-{
-	return static_cast<std::uint32_t>(get16(p)) << 16 | get16(p + 2);
-}
-
-std::string ip_text(std::uint32_t addr_net)
-{
-	char buf[INET_ADDRSTRLEN];
-	in_addr a{addr_net};
-	inet_ntop(AF_INET, &a, buf, sizeof buf);
-	return buf;
-}
-
 double mono_ms()
 {
 	timespec ts;
@@ -69,15 +42,16 @@ std::string errno_text(const char *what, int e) { return std::string(what) + ": 
 
 void probe_encode_request(const probe_params &p, std::uint8_t out[BFD_PKT_LEN])
 {
-	out[0] = static_cast<std::uint8_t>(BFD_VERSION << 5 | (p.diag & 0x1f));
-	out[1] = static_cast<std::uint8_t>((p.state & 3) << 6 | BFD_FLAG_D | (p.poll ? BFD_FLAG_P : 0));
-	out[2] = p.multiplier;
-	out[3] = BFD_PKT_LEN;
-	put32(out + 4, p.my_disc);
-	put32(out + 8, p.your_disc);
-	put32(out + 12, p.min_tx_us);
-	put32(out + 16, p.min_rx_us);
-	put32(out + 20, p.min_echo_rx_us);
+	out[0] = static_cast<std::uint8_t>(BFD_VERSION << BFD_VERSION_SHIFT | (p.diag & BFD_DIAG_MASK));
+	out[1] = static_cast<std::uint8_t>((p.state & BFD_STATE_MAX) << BFD_STATE_SHIFT | BFD_FLAG_D |
+					   (p.poll ? BFD_FLAG_P : 0));
+	out[offsetof(bfd_ctrl_pkt, detect_multiplier)] = p.multiplier;
+	out[offsetof(bfd_ctrl_pkt, length)] = BFD_PKT_LEN;
+	store_be32(out + offsetof(bfd_ctrl_pkt, my_disc), p.my_disc);
+	store_be32(out + offsetof(bfd_ctrl_pkt, your_disc), p.your_disc);
+	store_be32(out + offsetof(bfd_ctrl_pkt, min_tx_interval), p.min_tx_us);
+	store_be32(out + offsetof(bfd_ctrl_pkt, min_rx_interval), p.min_rx_us);
+	store_be32(out + offsetof(bfd_ctrl_pkt, min_echo_rx_interval), p.min_echo_rx_us);
 }
 
 bool probe_decode(std::span<const std::uint8_t> buf, bfd_ctrl_pkt *pkt)
@@ -86,34 +60,6 @@ bool probe_decode(std::span<const std::uint8_t> buf, bfd_ctrl_pkt *pkt)
 		return false;
 	std::memcpy(pkt, buf.data(), BFD_PKT_LEN);
 	return true;
-}
-
-const char *probe_state_name(std::uint8_t state)
-{
-	switch (static_cast<bfd_state>(state)) {
-	case BFD_STATE_ADMIN_DOWN: return "AdminDown";
-	case BFD_STATE_DOWN: return "Down";
-	case BFD_STATE_INIT: return "Init";
-	case BFD_STATE_UP: return "Up";
-	}
-	return "unknown";
-}
-
-const char *probe_diag_name(std::uint8_t diag)
-{
-	// RFC 5880 section 4.1, Diagnostic codes 0..8.
-	static const char *const names[] = {
-		"No Diagnostic",
-		"Control Detection Time Expired",
-		"Echo Function Failed",
-		"Neighbor Signaled Session Down",
-		"Forwarding Plane Reset",
-		"Path Down",
-		"Concatenated Path Down",
-		"Administratively Down",
-		"Reverse Concatenated Path Down",
-	};
-	return diag < std::size(names) ? names[diag] : "unknown";
 }
 
 std::string probe_flags_text(std::uint8_t flags)
@@ -138,8 +84,8 @@ std::string probe_format_reply(const bfd_ctrl_pkt &pkt, std::size_t len, const s
 		buf, sizeof buf,
 		"%zu bytes from %s:%u: seq=%u state=%s diag=%u (%s) flags=%s mult=%u len=%u "
 		"my_disc=%u your_disc=%u min_tx=%u min_rx=%u min_echo_rx=%u",
-		len, ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port), seq,
-		probe_state_name(bfd_state_of(pkt)), bfd_diag(pkt), probe_diag_name(bfd_diag(pkt)),
+		len, ipv4_dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port), seq,
+		bfd_state_name(bfd_state_of(pkt)), bfd_diag(pkt), bfd_diag_name(bfd_diag(pkt)),
 		probe_flags_text(pkt.flags).c_str(), pkt.detect_multiplier, pkt.length, ntohl(pkt.my_disc),
 		ntohl(pkt.your_disc), ntohl(pkt.min_tx_interval), ntohl(pkt.min_rx_interval),
 		ntohl(pkt.min_echo_rx_interval));
@@ -159,7 +105,7 @@ std::uint16_t probe_checksum(std::span<const std::uint8_t> data, std::uint32_t s
 {
 	std::size_t i = 0;
 	for (; i + 1 < data.size(); i += 2)
-		sum += get16(&data[i]);
+		sum += load_be16(&data[i]);
 	if (i < data.size())
 		sum += static_cast<std::uint32_t>(data[i]) << 8;
 	while (sum >> 16)
@@ -176,41 +122,42 @@ std::vector<std::uint8_t> probe_frame_build(const frame_spec &shape,
 	std::vector<std::uint8_t> f(ip_off + ihl_bytes + udp_len, 0);
 
 	// Ethernet header, then the label stack, bottom-of-stack on the last entry.
-	std::memcpy(&f[0], shape.dst_mac, 6);
-	std::memcpy(&f[6], shape.src_mac, 6);
-	put16(&f[12], shape.labels.empty() ? ETH_TYPE_IPV4 : ETH_TYPE_MPLS);
+	std::memcpy(&f[0], shape.dst_mac, ETH_ADDR_LEN);
+	std::memcpy(&f[ETH_ADDR_LEN], shape.src_mac, ETH_ADDR_LEN);
+	store_be16(&f[ETH_TYPE_OFF], shape.labels.empty() ? ETH_TYPE_IPV4 : ETH_TYPE_MPLS);
 	for (std::size_t i = 0; i < shape.labels.size(); i++) {
-		std::uint32_t bos = i + 1 == shape.labels.size() ? 0x100 : 0;
-		put32(&f[ETH_HDR_LEN + 4 * i], (shape.labels[i] & 0xfffff) << 12 | bos | shape.mpls_ttl);
+		std::uint32_t bos = i + 1 == shape.labels.size() ? MPLS_BOS : 0;
+		store_be32(&f[ETH_HDR_LEN + MPLS_ENTRY_LEN * i],
+			   (shape.labels[i] & MPLS_LABEL_MAX) << MPLS_LABEL_SHIFT | bos | shape.mpls_ttl);
 	}
 
 	// IPv4 header with its checksum.
 	std::uint8_t *ip = &f[ip_off];
-	ip[0] = static_cast<std::uint8_t>(0x40 | ihl_bytes / 4);
-	ip[1] = shape.tos;
-	put16(ip + 2, static_cast<std::uint16_t>(ihl_bytes + udp_len));
-	put16(ip + 4, shape.ip_id);
-	put16(ip + 6, shape.frag);
-	ip[8] = shape.ip_ttl;
-	ip[9] = shape.ip_proto;
-	put32(ip + 12, shape.src_ip);
-	put32(ip + 16, shape.dst_ip);
+	ip[0] = static_cast<std::uint8_t>(IP_VERSION_IPV4 | ihl_bytes / IPV4_IHL_UNIT);
+	ip[IPV4_TOS_OFF] = shape.tos;
+	store_be16(ip + IPV4_TOTAL_LEN_OFF, static_cast<std::uint16_t>(ihl_bytes + udp_len));
+	store_be16(ip + IPV4_ID_OFF, shape.ip_id);
+	store_be16(ip + IPV4_FRAG_OFF, shape.frag);
+	ip[IPV4_TTL_OFF] = shape.ip_ttl;
+	ip[IPV4_PROTO_OFF] = shape.ip_proto;
+	store_be32(ip + IPV4_SADDR_OFF, shape.src_ip);
+	store_be32(ip + IPV4_DADDR_OFF, shape.dst_ip);
 	if (!shape.ip_options.empty())
 		std::memcpy(ip + IPV4_HDR_LEN, shape.ip_options.data(), shape.ip_options.size());
-	put16(ip + 10, probe_checksum({ip, ihl_bytes}));
+	store_be16(ip + IPV4_CSUM_OFF, probe_checksum({ip, ihl_bytes}));
 
 	// UDP header and payload; the checksum covers the pseudo-header (RFC 768).
 	std::uint8_t *udp = ip + ihl_bytes;
-	put16(udp, shape.src_port);
-	put16(udp + 2, shape.dst_port);
-	put16(udp + 4, static_cast<std::uint16_t>(udp_len));
+	store_be16(udp + UDP_SPORT_OFF, shape.src_port);
+	store_be16(udp + UDP_DPORT_OFF, shape.dst_port);
+	store_be16(udp + UDP_LEN_OFF, static_cast<std::uint16_t>(udp_len));
 	if (!payload.empty())
 		std::memcpy(udp + UDP_HDR_LEN, payload.data(), payload.size());
-	if (shape.ip_proto == IP_PROTO_UDP && (shape.frag & 0x3fff) == 0) {
+	if (shape.ip_proto == IP_PROTO_UDP && (shape.frag & (IPV4_FLAG_MF | IPV4_FRAG_OFFSET_MASK)) == 0) {
 		std::uint32_t pseudo = (shape.src_ip >> 16) + (shape.src_ip & 0xffff) + (shape.dst_ip >> 16) +
 				       (shape.dst_ip & 0xffff) + IP_PROTO_UDP + static_cast<std::uint32_t>(udp_len);
 		std::uint16_t c = probe_checksum({udp, udp_len}, pseudo);
-		put16(udp + 6, c == 0 ? 0xffff : c);
+		store_be16(udp + UDP_CSUM_OFF, c == 0 ? 0xffff : c);  // 0 would mean "no checksum"
 	}
 	return f;
 }
@@ -220,38 +167,38 @@ bool probe_frame_parse(std::span<const std::uint8_t> frame, frame_view *v)
 	*v = frame_view{};
 	if (frame.size() < ETH_HDR_LEN)
 		return false;
-	v->ethertype = get16(&frame[12]);
+	v->ethertype = load_be16(&frame[ETH_TYPE_OFF]);
 	std::size_t off = ETH_HDR_LEN;
 	if (v->ethertype == ETH_TYPE_MPLS) {
 		for (;;) {
 			if (frame.size() < off + MPLS_ENTRY_LEN)
 				return false;
-			std::uint32_t e = get32(&frame[off]);
+			std::uint32_t e = load_be32(&frame[off]);
 			v->label_entries.push_back(e);
 			off += MPLS_ENTRY_LEN;
-			if (e & 0x100)
+			if (e & MPLS_BOS)
 				break;
 		}
 	} else if (v->ethertype != ETH_TYPE_IPV4) {
 		return false;
 	}
-	if (frame.size() < off + IPV4_HDR_LEN || (frame[off] >> 4) != 4)
+	if (frame.size() < off + IPV4_HDR_LEN || (frame[off] & IP_VERSION_MASK) != IP_VERSION_IPV4)
 		return false;
 	const std::uint8_t *ip = &frame[off];
-	std::size_t ihl_bytes = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
-	v->tos = ip[1];
-	v->frag = get16(ip + 6);
-	v->ttl = ip[8];
-	v->proto = ip[9];
-	v->src_ip = get32(ip + 12);
-	v->dst_ip = get32(ip + 16);
+	std::size_t ihl_bytes = static_cast<std::size_t>(ip[0] & IPV4_IHL_MASK) * IPV4_IHL_UNIT;
+	v->tos = ip[IPV4_TOS_OFF];
+	v->frag = load_be16(ip + IPV4_FRAG_OFF);
+	v->ttl = ip[IPV4_TTL_OFF];
+	v->proto = ip[IPV4_PROTO_OFF];
+	v->src_ip = load_be32(ip + IPV4_SADDR_OFF);
+	v->dst_ip = load_be32(ip + IPV4_DADDR_OFF);
 	if (v->proto != IP_PROTO_UDP || ihl_bytes < IPV4_HDR_LEN ||
 	    frame.size() < off + ihl_bytes + UDP_HDR_LEN)
 		return false;
 	const std::uint8_t *udp = ip + ihl_bytes;
-	v->src_port = get16(udp);
-	v->dst_port = get16(udp + 2);
-	std::size_t udp_len = get16(udp + 4);
+	v->src_port = load_be16(udp + UDP_SPORT_OFF);
+	v->dst_port = load_be16(udp + UDP_DPORT_OFF);
+	std::size_t udp_len = load_be16(udp + UDP_LEN_OFF);
 	std::size_t avail = frame.size() - off - ihl_bytes;
 	if (udp_len < UDP_HDR_LEN || udp_len > avail)
 		return false;
@@ -259,7 +206,7 @@ bool probe_frame_parse(std::span<const std::uint8_t> frame, frame_view *v)
 	return true;
 }
 
-bool probe_parse_mac(const char *text, std::uint8_t mac[6])
+bool probe_parse_mac(const char *text, std::uint8_t mac[ETH_ADDR_LEN])
 {
 	unsigned b[6];
 	char tail;
@@ -321,10 +268,10 @@ std::uint32_t next_hop(const std::string &ifname, std::uint32_t target_net)
 }
 
 // The complete neighbour entry of `ip_net` on `ifname` in /proc/net/arp.
-bool arp_lookup(const std::string &ifname, std::uint32_t ip_net, std::uint8_t mac[6])
+bool arp_lookup(const std::string &ifname, std::uint32_t ip_net, std::uint8_t mac[ETH_ADDR_LEN])
 {
 	std::ifstream in("/proc/net/arp");
-	std::string line, want = ip_text(ip_net);
+	std::string line, want = ipv4_dotted(ip_net).text;
 	std::getline(in, line);
 	while (std::getline(in, line)) {
 		std::istringstream ls(line);
@@ -371,7 +318,7 @@ int prober::setup(std::string *err)
 	local.sin_family = AF_INET;
 	local.sin_addr = src;
 	if (bind(udp.get(), reinterpret_cast<sockaddr *>(&local), sizeof local) != 0) {
-		*err = errno_text(("bind " + ip_text(src.s_addr)).c_str(), errno);
+		*err = errno_text((std::string("bind ") + ipv4_dotted(src.s_addr).text).c_str(), errno);
 		return PING_ERR_SETUP;
 	}
 	socklen_t len = sizeof local;
@@ -396,9 +343,9 @@ int prober::setup(std::string *err)
 		*err = errno_text("SIOCGIFHWADDR", errno);
 		return PING_ERR_SETUP;
 	}
-	std::memcpy(shape.src_mac, ifr.ifr_hwaddr.sa_data, 6);
+	std::memcpy(shape.src_mac, ifr.ifr_hwaddr.sa_data, ETH_ADDR_LEN);
 	if (opt.dst_mac) {
-		std::memcpy(shape.dst_mac, opt.dst_mac->data(), 6);
+		std::memcpy(shape.dst_mac, opt.dst_mac->data(), ETH_ADDR_LEN);
 	} else {
 		// Resolve through the neighbour table; a plain probe, whose reply
 		// is discarded, makes the kernel resolve it when it is not known.
@@ -415,7 +362,7 @@ int prober::setup(std::string *err)
 				found = arp_lookup(opt.mpls_iface, hop, shape.dst_mac);
 			}
 			if (!found) {
-				*err = "cannot resolve the next hop " + ip_text(hop) + " on " + opt.mpls_iface +
+				*err = "cannot resolve the next hop " + std::string(ipv4_dotted(hop).text) + " on " + opt.mpls_iface +
 				       " (give --dst-mac)";
 				return PING_ERR_SETUP;
 			}
@@ -434,8 +381,8 @@ int prober::setup(std::string *err)
 	ll.sll_family = AF_PACKET;
 	ll.sll_protocol = htons(ETH_TYPE_MPLS);
 	ll.sll_ifindex = static_cast<int>(ifindex);
-	ll.sll_halen = 6;
-	std::memcpy(ll.sll_addr, shape.dst_mac, 6);
+	ll.sll_halen = ETH_ADDR_LEN;
+	std::memcpy(ll.sll_addr, shape.dst_mac, ETH_ADDR_LEN);
 	return PING_OK;
 }
 
@@ -481,14 +428,14 @@ void prober::receive(std::deque<std::pair<std::uint32_t, double>> *waiting)
 			std::fprintf(out, "%s (wrong source)\n", probe_format_reply(pkt, len, from, 0, -1).c_str());
 		else
 			std::fprintf(out, "%zd bytes from %s:%u: (wrong source)\n", n,
-				     ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port));
+				     ipv4_dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port));
 		return;
 	}
 	if (!probe_decode({buf, len}, &pkt)) {
 		st->foreign++;
 		if (!opt.quiet)
 			std::fprintf(out, "%zd bytes from %s:%u: too short for a control packet\n", n,
-				     ip_text(from.sin_addr.s_addr).c_str(), ntohs(from.sin_port));
+				     ipv4_dotted(from.sin_addr.s_addr).text, ntohs(from.sin_port));
 		return;
 	}
 	if (ntohl(pkt.your_disc) != opt.params.my_disc) {
@@ -528,10 +475,10 @@ int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::st
 		return rc;
 
 	std::fprintf(out, "SBFD-PING %s:%u from %s:%u%s%s: my_disc=%u your_disc=%u state=%s\n",
-		     ip_text(opt.target.s_addr).c_str(), SBFD_PORT, ip_text(p.local.sin_addr.s_addr).c_str(),
+		     ipv4_dotted(opt.target.s_addr).text, SBFD_PORT, ipv4_dotted(p.local.sin_addr.s_addr).text,
 		     ntohs(p.local.sin_port), opt.mpls_iface.empty() ? "" : " label 0 via ",
 		     opt.mpls_iface.c_str(), opt.params.my_disc, opt.params.your_disc,
-		     probe_state_name(opt.params.state));
+		     bfd_state_name(opt.params.state));
 	std::fflush(out);
 
 	// One pass per event: expire old probes, send when due, wait for a reply
@@ -576,7 +523,7 @@ int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::st
 void ping_print_summary(const ping_options &opt, const ping_stats &st, std::FILE *out)
 {
 	double loss = st.sent ? 100.0 * static_cast<double>(st.sent - st.received) / static_cast<double>(st.sent) : 0;
-	std::fprintf(out, "\n--- %s sbfd-ping statistics ---\n", ip_text(opt.target.s_addr).c_str());
+	std::fprintf(out, "\n--- %s sbfd-ping statistics ---\n", ipv4_dotted(opt.target.s_addr).text);
 	std::fprintf(out, "%llu packets transmitted, %llu received, %g%% packet loss, time %.0fms",
 		     static_cast<unsigned long long>(st.sent), static_cast<unsigned long long>(st.received),
 		     loss, st.elapsed_ms);

@@ -4,15 +4,10 @@
 // labelled probes arrive), and run a ping-like probe loop against a reflector
 // (RFC 7880 section 7, RFC 7881).
 //
-// Frame built by probe_frame_build (all fields big-endian):
-//
-//   frame  := eth label* ipv4 udp payload
-//   eth    (14)  dst mac (6), src mac (6), EtherType (2): 0x0800, or 0x8847 with labels
-//   label  (4)   label (20 bits) | TC (3) | S (1, set on the last) | TTL (8)
-//   ipv4   (20 + options)  version 4, IHL, TOS, total length, id, flags and
-//                fragment offset, TTL, protocol, header checksum, src, dst, options
-//   udp    (8)   src port, dst port, length, checksum (computed over the
-//                pseudo-header; 0 when the datagram is a fragment)
+// Frame built by probe_frame_build: the frame of wire.h, with any number of
+// labels (S set on the last; EtherType 0x8847 when there are labels, else
+// 0x0800) and a UDP checksum computed over the pseudo-header (0 when the
+// datagram is a fragment).
 //
 // Matching replies to probes: BFD has no sequence number, so every probe of a
 // run carries the same My Discriminator (the reflector then keeps one session
@@ -37,7 +32,7 @@
 #include <string>
 #include <vector>
 
-#include "reflector.h"
+#include "wire.h"
 
 // ---- control packets ----
 
@@ -61,10 +56,6 @@ void probe_encode_request(const probe_params &p, std::uint8_t out[BFD_PKT_LEN]);
 // order, as in bfd_ctrl_pkt). Returns false when `buf` is shorter than 24.
 bool probe_decode(std::span<const std::uint8_t> buf, bfd_ctrl_pkt *pkt);
 
-// "AdminDown", "Down", "Init", "Up"; "unknown" outside 0..3.
-const char *probe_state_name(std::uint8_t state);
-// Short text of a Diag code of RFC 5880 section 4.1; "unknown" above 8.
-const char *probe_diag_name(std::uint8_t diag);
 // The set flag letters of byte 1 in order P F C A D M ("-" when none).
 std::string probe_flags_text(std::uint8_t flags);
 
@@ -73,20 +64,12 @@ std::string probe_flags_text(std::uint8_t flags);
 std::string probe_format_reply(const bfd_ctrl_pkt &pkt, std::size_t len, const sockaddr_in &from,
 			       std::uint32_t seq, double rtt_ms);
 
-// ---- frames ----
-
-constexpr std::uint16_t ETH_TYPE_IPV4 = 0x0800;
-constexpr std::uint16_t ETH_TYPE_MPLS = 0x8847;
-constexpr std::size_t ETH_HDR_LEN = 6 + 6 + 2;  // dst, src, EtherType
-constexpr std::size_t MPLS_ENTRY_LEN = 4;
-constexpr std::size_t IPV4_HDR_LEN = 20;  // without options
-constexpr std::size_t UDP_HDR_LEN = 8;
-constexpr std::uint8_t IP_PROTO_UDP = 17;
+// ---- frames (offsets and values in wire.h) ----
 
 // What probe_frame_build writes; addresses and ports in host order.
 struct frame_spec {
-	std::uint8_t dst_mac[6] = {};
-	std::uint8_t src_mac[6] = {};
+	std::uint8_t dst_mac[ETH_ADDR_LEN] = {};
+	std::uint8_t src_mac[ETH_ADDR_LEN] = {};
 	std::vector<std::uint32_t> labels;  // label values, outermost first; empty: plain IPv4
 	std::uint8_t mpls_ttl = 64;
 	std::uint8_t tos = 0;
@@ -129,7 +112,7 @@ bool probe_frame_parse(std::span<const std::uint8_t> frame, frame_view *view);
 std::uint16_t probe_checksum(std::span<const std::uint8_t> data, std::uint32_t sum = 0);
 
 // Parses "aa:bb:cc:dd:ee:ff". Returns false on anything else.
-bool probe_parse_mac(const char *text, std::uint8_t mac[6]);
+bool probe_parse_mac(const char *text, std::uint8_t mac[ETH_ADDR_LEN]);
 
 // ---- the probe loop ----
 
@@ -142,7 +125,7 @@ struct ping_options {
 	probe_params params;
 	bool quiet = false;                // summary only
 	std::string mpls_iface;            // nonempty: raw frames under label 0 on it
-	std::optional<std::array<std::uint8_t, 6>> dst_mac;  // next hop for mpls_iface
+	std::optional<std::array<std::uint8_t, ETH_ADDR_LEN>> dst_mac;  // next hop for mpls_iface
 };
 
 struct ping_stats {

@@ -3,7 +3,6 @@
 // store. Layout and rules are described in shmstat.h.
 #include "shmstat.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -19,26 +18,13 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "unique_fd.h"
+#include "wire.h"
+
 namespace {
 
 constexpr std::int64_t NSEC_PER_SEC = 1000000000;
 constexpr int COPY_ATTEMPTS = 20;  // pairs of copies before settling for an unstable one
-constexpr std::uint8_t BFD_STATE_MAX = 3;   // Sta is 2 bits
-constexpr std::uint8_t BFD_DIAG_MAX = 31;   // Diag is 5 bits
-constexpr std::uint8_t BFD_VERS_MAX = 7;    // Vers is 3 bits
-
-// Closes a descriptor when it goes out of scope.
-struct unique_fd {
-	int fd;
-	explicit unique_fd(int f) : fd(f) {}
-	~unique_fd()
-	{
-		if (fd >= 0)
-			close(fd);
-	}
-	unique_fd(const unique_fd &) = delete;
-	unique_fd &operator=(const unique_fd &) = delete;
-};
 
 // Unmaps a mapping when it goes out of scope.
 struct unique_map {
@@ -71,15 +57,6 @@ double seconds_since(const shm_timestamp &then, const shm_timestamp &now)
 	double d = (double(now.tv_sec) - double(then.tv_sec)) +
 		   (double(now.tv_nsec) - double(then.tv_nsec)) / 1e9;
 	return d > 0 ? d : 0;
-}
-
-std::string ip_text(std::uint32_t source_ip_net)
-{
-	char buf[INET_ADDRSTRLEN];
-	in_addr a{};
-	a.s_addr = source_ip_net;
-	inet_ntop(AF_INET, &a, buf, sizeof buf);
-	return buf;
 }
 
 std::string printf_string(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -117,23 +94,6 @@ std::string gap_text(std::uint64_t us)
 	if (us < 1000000)
 		return printf_string("%.1fms", double(us) / 1e3);
 	return printf_string("%.2fs", double(us) / 1e6);
-}
-
-// RFC 5880 section 4.1 diagnostic codes.
-const char *bfd_diag_name(std::uint8_t diag)
-{
-	switch (diag) {
-	case 0: return "none";
-	case 1: return "detect-time-expired";
-	case 2: return "echo-failed";
-	case 3: return "neighbor-down";
-	case 4: return "forwarding-reset";
-	case 5: return "path-down";
-	case 6: return "concat-path-down";
-	case 7: return "admin-down";
-	case 8: return "reverse-concat-path-down";
-	}
-	return "unknown";
 }
 
 const char *group_title(shmstat_group g)
@@ -290,7 +250,7 @@ shmstat_status shmstat_read(const std::string &name, shmstat_snapshot *snap, std
 {
 	// Open read-only: the reader must never create or resize the object.
 	unique_fd fd{shm_open(name.c_str(), O_RDONLY, 0)};
-	if (fd.fd < 0) {
+	if (fd.get() < 0) {
 		int e = errno;
 		if (e == ENOENT) {
 			*err = "no shared store \"" + name + "\" (is the daemon running with this NSPATH?)";
@@ -300,7 +260,7 @@ shmstat_status shmstat_read(const std::string &name, shmstat_snapshot *snap, std
 		return e == EACCES ? SHMSTAT_NO_ACCESS : SHMSTAT_OPEN_FAILED;
 	}
 	struct stat st {};
-	if (fstat(fd.fd, &st) == -1) {
+	if (fstat(fd.get(), &st) == -1) {
 		*err = "cannot stat shared store \"" + name + "\": " + std::strerror(errno);
 		return SHMSTAT_OPEN_FAILED;
 	}
@@ -309,7 +269,7 @@ shmstat_status shmstat_read(const std::string &name, shmstat_snapshot *snap, std
 		       " bytes, a store has " + std::to_string(SHM_SIZE);
 		return SHMSTAT_WRONG_SIZE;
 	}
-	unique_map map{mmap(nullptr, SHM_SIZE, PROT_READ, MAP_SHARED, fd.fd, 0), SHM_SIZE};
+	unique_map map{mmap(nullptr, SHM_SIZE, PROT_READ, MAP_SHARED, fd.get(), 0), SHM_SIZE};
 	if (map.addr == MAP_FAILED) {
 		*err = "cannot map shared store \"" + name + "\": " + std::strerror(errno);
 		return SHMSTAT_OPEN_FAILED;
@@ -352,7 +312,7 @@ bool shmstat_plausible(const reflector_shm &store, bool cross, std::string *why)
 			*why = slot + "state out of range";
 			return false;
 		}
-		if (s.diag > BFD_DIAG_MAX || s.tx_diag > BFD_DIAG_MAX || s.version > BFD_VERS_MAX) {
+		if (s.diag > BFD_DIAG_MAX || s.tx_diag > BFD_DIAG_MAX || s.version > BFD_VERSION_MAX) {
 			*why = slot + "diagnostic or version out of range";
 			return false;
 		}
@@ -399,11 +359,6 @@ std::vector<std::uint32_t> shmstat_sessions(const reflector_shm &store)
 		return x.tv_sec != y.tv_sec ? x.tv_sec > y.tv_sec : x.tv_nsec > y.tv_nsec;
 	});
 	return v;
-}
-
-std::uint64_t shmstat_avg_period(const reflector_session &s)
-{
-	return s.num_received >= 2 ? s.period_sum / (s.num_received - 1) : s.period_sum;
 }
 
 std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string &name,
@@ -468,12 +423,12 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 	for (std::uint32_t k : slots) {
 		const reflector_session &s = st.sessions[k];
 		std::string gaps = s.num_received >= 2 ? gap_text(s.min_period) + "/" +
-								 gap_text(shmstat_avg_period(s)) + "/" +
+								 gap_text(shm_avg_period(s)) + "/" +
 								 gap_text(s.max_period)
 						       : "-";
 		std::vector<std::string> row = {
 			std::to_string(s.discriminator),
-			ip_text(s.source_ip) + ":" + std::to_string(s.source_port),
+			ipv4_dotted(s.source_ip).text + std::string(":") + std::to_string(s.source_port),
 			bfd_state_name(s.state),
 			age_text(s.last_state_change, snap.taken),
 			age_text(s.last_rx, snap.taken),
@@ -542,7 +497,7 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 		ordered_json j;
 		j["slot"] = k;
 		j["discriminator"] = s.discriminator;
-		j["address"] = ip_text(s.source_ip);
+		j["address"] = ipv4_dotted(s.source_ip).text;
 		j["port"] = s.source_port;
 		j["state"] = bfd_state_name(s.state);
 		j["state_code"] = s.state;
@@ -554,7 +509,7 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 		j["num_received"] = s.num_received;
 		j["num_sent"] = s.num_sent;
 		j["min_period_us"] = s.min_period;
-		j["avg_period_us"] = shmstat_avg_period(s);
+		j["avg_period_us"] = shm_avg_period(s);
 		j["max_period_us"] = s.max_period;
 		j["period_sum_us"] = s.period_sum;
 		j["tx_state"] = bfd_state_name(s.tx_state);
@@ -640,7 +595,7 @@ std::string shmstat_format_prometheus(const shmstat_snapshot &snap)
 		{"session_gap_min_seconds", "gauge", "Smallest gap between two requests (0 until known).",
 		 [](const reflector_session &s) { return prom_double(double(s.min_period) / 1e6); }},
 		{"session_gap_avg_seconds", "gauge", "Mean gap between requests.",
-		 [](const reflector_session &s) { return prom_double(double(shmstat_avg_period(s)) / 1e6); }},
+		 [](const reflector_session &s) { return prom_double(double(shm_avg_period(s)) / 1e6); }},
 		{"session_gap_max_seconds", "gauge", "Largest gap between two requests.",
 		 [](const reflector_session &s) { return prom_double(double(s.max_period) / 1e6); }},
 		{"session_tx_state", "gauge", "State sent in the last reply (0 AdminDown, 3 Up).",
@@ -654,7 +609,7 @@ std::string shmstat_format_prometheus(const shmstat_snapshot &snap)
 		for (std::uint32_t k : slots) {
 			const reflector_session &s = st.sessions[k];
 			out += metric + "{discriminator=\"" + std::to_string(s.discriminator) + "\",address=\"" +
-			       ip_text(s.source_ip) + "\"} " + f.value(s) + "\n";
+			       ipv4_dotted(s.source_ip).text + "\"} " + f.value(s) + "\n";
 		}
 	}
 	return out;

@@ -3,7 +3,7 @@
 // can be a store at all, and renders counters and sessions as an aligned
 // text report, a JSON document or the node_exporter textfile format.
 //
-// The store's byte layout is the one of reflector.h (reflector_shm); this
+// The store's byte layout is the one of store.h (reflector_shm); this
 // reader never writes it. The daemon updates the store with plain stores and
 // no lock, so every function here works on a copy (shmstat_snapshot), never
 // on the mapping.
@@ -32,7 +32,8 @@
 #include <string>
 #include <vector>
 
-#include "reflector.h"
+#include "store.h"
+#include "wire.h"  // the states and diagnostics a session slot holds
 
 enum shmstat_status : int {
 	SHMSTAT_OK = 0,
@@ -92,11 +93,6 @@ bool shmstat_plausible(const reflector_shm &store, bool cross, std::string *why)
 // Slot indices of the sessions in use, most recently heard (last_rx) first;
 // equal times keep ascending slot order.
 std::vector<std::uint32_t> shmstat_sessions(const reflector_shm &store);
-
-// Mean gap between the requests of `s` in microseconds, as the daemon's own
-// report computes it: period_sum / (num_received - 1) from two requests on,
-// else period_sum.
-std::uint64_t shmstat_avg_period(const reflector_session &s);
 
 // Text report: header counters, error counters and a table of the sessions.
 // With `prev` (an earlier snapshot of the same store) every counter and

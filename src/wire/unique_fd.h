@@ -1,4 +1,5 @@
-// unique_fd.h -- owner of one file descriptor for the operator tools: closes
+// unique_fd.h -- owner of one file descriptor for the tools, tests and
+// benchmarks (the daemon cleans up along its own path): closes
 // it when the owner goes away, so no error path forgets a close.
 #pragma once
 
