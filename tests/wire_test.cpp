@@ -1,0 +1,121 @@
+// wire_test.cpp -- the shared vocabulary (src/wire): byte-order codecs at
+// every alignment and at the edge of readable memory, IPv4 text against the
+// C library's, and one wording of states and diagnostics in both tools.
+#include <arpa/inet.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "sbfd_probe.h"
+#include "shmstat.h"
+#include "wire.h"
+
+namespace {
+
+TEST(WireByteOrder, StoresAreBigEndianAtAnyAlignmentAndLoadsReadThemBack)
+{
+	const std::uint64_t v = 0x0102030405060708;
+	const std::uint8_t be[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+	for (std::size_t at = 0; at < 8; at++) {
+		SCOPED_TRACE(at);
+		std::uint8_t buf[16] = {};
+		store_be64(buf + at, v);
+		EXPECT_EQ(std::memcmp(buf + at, be, 8), 0);
+		EXPECT_EQ(load_be64(buf + at), v);
+		std::memset(buf, 0, sizeof buf);
+		store_be32(buf + at, 0x05060708);
+		EXPECT_EQ(std::memcmp(buf + at, be + 4, 4), 0);
+		EXPECT_EQ(load_be32(buf + at), 0x05060708u);
+		std::uint32_t net;
+		std::memcpy(&net, buf + at, sizeof net);
+		EXPECT_EQ(ntohl(net), load_be32(buf + at)) << "as the socket API reads it";
+		store_be16(buf + at, 0xFEDC);
+		EXPECT_EQ(std::tuple(buf[at], buf[at + 1], load_be16(buf + at)), std::tuple(0xFE, 0xDC, 0xFEDC));
+		EXPECT_EQ(std::tuple(buf[at + 2], buf[at + 3]), std::tuple(7, 8)) << "nothing past the value";
+		store_host<std::uint32_t>(buf + at, 0xA1B2C3D4);
+		EXPECT_EQ(load_host<std::uint32_t>(buf + at), 0xA1B2C3D4u);
+	}
+}
+
+// The bytes end where a page without access begins: a load that read one
+// byte past its bound would fault here, and not only under the sanitizers.
+TEST(WireByteOrder, LoadWithinReadsZerosPastTheBoundAndNeverTouchesThem)
+{
+	const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+	auto *map = static_cast<std::uint8_t *>(mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+	ASSERT_NE(map, MAP_FAILED);
+	ASSERT_EQ(mprotect(map + page, page, PROT_NONE), 0);
+	const std::uint8_t msg[6] = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66};
+	std::uint8_t *end = map + page;
+	std::memcpy(end - sizeof msg, msg, sizeof msg);
+	const std::span<const std::uint8_t> dgram{end - sizeof msg, sizeof msg};
+	// Offset, then the expected value: whole, cut by the bound, wholly past it.
+	const std::pair<std::size_t, std::uint32_t> cases[] = {
+		{0, load_host<std::uint32_t>(msg)}, {2, load_host<std::uint32_t>(msg + 2)}, {3, 0x00665544},
+		{5, 0x00000066}, {6, 0}, {7, 0}, {SIZE_MAX, 0}};
+	for (const auto &[off, want] : cases)
+		EXPECT_EQ(load_host_within<std::uint32_t>(dgram, off), want) << "offset " << off;
+	EXPECT_EQ(load_host_within<std::uint8_t>(dgram, 5), 0x66);
+	EXPECT_EQ(load_host_within<std::uint8_t>(dgram, 6), 0);
+	EXPECT_EQ(load_host_within<std::uint64_t>({end, std::size_t{0}}, 0), 0u) << "an empty datagram";
+	munmap(map, 2 * page);
+}
+
+TEST(WireIpv4Text, IsTheTextInetNtoaGivesForEveryNumberOfDigits)
+{
+	const std::uint8_t parts[] = {0, 1, 9, 10, 99, 100, 199, 200, 255};
+	for (std::uint8_t a : parts)
+		for (std::uint8_t b : parts)
+			for (std::uint8_t c : parts)
+				for (std::uint8_t d : parts) {
+					const std::uint8_t bytes[4] = {a, b, c, d};
+					in_addr in;
+					std::memcpy(&in.s_addr, bytes, sizeof bytes);
+					ASSERT_STREQ(ipv4_dotted(in.s_addr).text, inet_ntoa(in));
+				}
+	char buf[IPV4_TEXT_LEN];
+	std::memset(buf, 'x', sizeof buf);
+	EXPECT_EQ(ipv4_format(0xFFFFFFFF, buf), buf);
+	EXPECT_EQ(std::string(buf, sizeof buf), std::string("255.255.255.255") + '\0') << "the longest text fills the buffer";
+}
+
+TEST(WireNames, EachStateAndDiagnosticHasItsOwnNameAndAnyOtherValueIsUnknown)
+{
+	std::set<std::string> states, diags;
+	for (unsigned v = 0; v < 256; v++) {
+		const std::string s = bfd_state_name(static_cast<std::uint8_t>(v)), d = bfd_diag_name(static_cast<std::uint8_t>(v));
+		EXPECT_EQ(s == "unknown", v > BFD_STATE_MAX) << v;
+		EXPECT_EQ(d == "unknown", v > BFD_DIAG_REVERSE_CONCAT_PATH_DOWN) << v;
+		states.insert(s), diags.insert(d);
+	}
+	EXPECT_EQ(states.size(), 4u + 1) << "four states and unknown";
+	EXPECT_EQ(diags.size(), 9u + 1) << "nine diagnostics and unknown";
+	EXPECT_STREQ(bfd_diag_name(BFD_DIAG_NEIGHBOR_DOWN), "Neighbor Signaled Session Down");
+}
+
+// sbfd-ping's reply line and orvalindwarden-stat's table and JSON name a
+// diagnostic with the same words.
+TEST(WireNames, BothToolsShowTheDiagnosticOfAReplyAlike)
+{
+	for (std::uint8_t diag : {BFD_DIAG_NONE, BFD_DIAG_NEIGHBOR_DOWN, BFD_DIAG_ADMIN_DOWN}) {
+		const std::string name = bfd_diag_name(diag);
+		bfd_ctrl_pkt pkt{};
+		pkt.vers_diag = static_cast<std::uint8_t>(BFD_VERSION << BFD_VERSION_SHIFT | diag);
+		const sockaddr_in from{AF_INET, htons(SBFD_PORT), {inet_addr("192.0.2.1")}, {}};
+		EXPECT_NE(probe_format_reply(pkt, BFD_PKT_LEN, from, 1, -1).find("(" + name + ")"), std::string::npos) << name;
+
+		auto snap = std::make_unique<shmstat_snapshot>();
+		reflector_session &s = snap->store.sessions[0];
+		s.discriminator = 1, s.num_received = s.num_sent = 1, s.tx_diag = diag;
+		EXPECT_NE(shmstat_format_text(*snap, "orvtest", nullptr).find(std::to_string(diag) + " " + name), std::string::npos) << name;
+		EXPECT_NE(shmstat_format_json(*snap, "orvtest").find("\"tx_diag_name\": \"" + name + "\""), std::string::npos) << name;
+	}
+}
+
+}  // namespace
