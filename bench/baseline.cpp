@@ -27,8 +27,6 @@
 
 namespace {
 
-constexpr std::size_t ETH_LEN = 14;
-constexpr std::size_t UDP_LEN = 8;
 constexpr int REPLY_TOS = 0xC0;  // as the daemon's transmit socket
 constexpr int REPLY_TTL = 255;
 
@@ -88,15 +86,15 @@ int main(int argc, char **argv)
 		sockaddr_in ignored{};
 		socklen_t alen = sizeof ignored;
 		const ssize_t n = recvfrom(in, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&ignored), &alen);
-		const std::size_t ip_off = ETH_LEN;
-		const std::size_t ihl = buf[ip_off] & 0x0F;
-		const std::size_t ctrl = ip_off + 4 * ihl + UDP_LEN;
+		const std::size_t ip_off = ETH_HDR_LEN;
+		const std::size_t ihl = buf[ip_off] & IPV4_IHL_MASK;
+		const std::size_t ctrl = ip_off + IPV4_IHL_UNIT * ihl + UDP_HDR_LEN;
 		if (n < static_cast<ssize_t>(ctrl + BFD_PKT_LEN))
 			continue;
 		sockaddr_in to{};
 		to.sin_family = AF_INET;
-		std::memcpy(&to.sin_port, buf + ip_off + 4 * ihl, 2);
-		std::memcpy(&to.sin_addr, buf + ip_off + 12, 4);
+		std::memcpy(&to.sin_port, buf + ip_off + IPV4_IHL_UNIT * ihl + UDP_SPORT_OFF, 2);
+		std::memcpy(&to.sin_addr, buf + ip_off + IPV4_SADDR_OFF, 4);
 		std::uint8_t *p = buf + ctrl;
 		std::memcpy(p + 8, p + 4, 4);        // your_disc = request's my_disc
 		std::memcpy(p + 4, &disc_net, 4);    // my_disc = ours

@@ -15,7 +15,6 @@
 
 namespace {
 reflector_vrf *vrf;
-constexpr std::size_t READ_LIMIT = 110;  // rx_handle_frame's REQUIRES: zeros up to here
 std::vector<std::uint8_t> buf(RX_BUF_LEN);
 }  // namespace
 
@@ -29,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
 	if (size == 0 || size > RX_BUF_LEN)
 		return -1;  // recvfrom never hands over an empty or oversized frame
-	std::memset(buf.data(), 0, READ_LIMIT);
+	std::memset(buf.data(), 0, RX_READ_LIMIT);  // rx_handle_frame's REQUIRES: zeros up to here
 	std::memcpy(buf.data(), data, size);
 	const reflector_shm &shm = *vrf->shm;
 	const std::uint64_t valid_before = shm.rx_valid_pkts, drops_before = shm.rx_drops;

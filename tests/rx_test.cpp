@@ -85,7 +85,7 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		if (p.keep)
 			f.resize(p.keep);
 		if (p.eth_type)
-			f[12] = p.eth_type >> 8, f[13] = p.eth_type & 0xFF;
+			store_be16(&f[ETH_TYPE_OFF], p.eth_type);
 		tr.take();
 		h.feed(f);
 		for (auto reason : REASONS)

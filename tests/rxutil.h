@@ -62,11 +62,12 @@ struct request {
 
 	bytes encode() const
 	{
-		bytes b = {static_cast<std::uint8_t>(version << 5 | (diag & 0x1F)),
-			   static_cast<std::uint8_t>(state << 6 | (flags & 0x3F)), detect_mult, length};
-		for (std::uint32_t v : {my_disc, your_disc, min_tx, min_rx, min_echo_rx})
-			for (int shift = 24; shift >= 0; shift -= 8)
-				b.push_back(static_cast<std::uint8_t>(v >> shift));
+		bytes b = {static_cast<std::uint8_t>(version << BFD_VERSION_SHIFT | (diag & BFD_DIAG_MASK)),
+			   static_cast<std::uint8_t>(state << BFD_STATE_SHIFT | (flags & BFD_FLAGS_MASK)), detect_mult, length};
+		for (std::uint32_t v : {my_disc, your_disc, min_tx, min_rx, min_echo_rx}) {
+			b.resize(b.size() + sizeof v);
+			store_be32(&b[b.size() - sizeof v], v);
+		}
 		return b;
 	}
 };

@@ -117,7 +117,7 @@ TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateForeignAndWrongSource)
 	for (std::size_t at = 0; (at = output.find(" (wrong source)\n", at)) != std::string::npos; at++)
 		lines++;
 	EXPECT_EQ(lines, 2u) << output;
-	const std::string forger = "24 bytes from " + std::string(inet_ntoa(in_addr{htonl(addr ^ 0x10000)})) + ":7784: ";
+	const std::string forger = "24 bytes from " + std::string(ipv4_dotted(htonl(addr ^ 0x10000)).text) + ":7784: ";
 	EXPECT_NE(output.find(forger), std::string::npos) << output;
 }
 
