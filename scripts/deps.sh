@@ -9,7 +9,7 @@ packages=(
 	nlohmann-json3-dev
 	clang libclang-rt-14-dev
 	iproute2 tcpdump mandoc gnuplot-nox valgrind systemd
-	procps psmisc file dpkg-dev
+	procps psmisc file dpkg-dev lintian
 )
 
 missing=()
