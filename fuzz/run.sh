@@ -27,7 +27,7 @@ done
 
 if [ ! -f "$build/build.ninja" ]; then
 	san="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"
-	cmake -S "$top" -B "$build" -G Ninja -DORV_FUZZ=ON -DORV_TESTS=OFF -DORV_BENCH=OFF \
+	cmake -S "$top" -B "$build" -G Ninja -DORV_FUZZ=ON -DORV_WERROR=ON -DORV_TESTS=OFF -DORV_BENCH=OFF \
 		-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 		"-DCMAKE_C_FLAGS=$san" "-DCMAKE_CXX_FLAGS=$san" >/dev/null
 fi

@@ -10,11 +10,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cctype>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <regex>
+#include <string_view>
 #include <thread>
 
 #include "blreader.h"
@@ -297,6 +298,20 @@ std::tuple<int, std::string, std::string> blcat(std::vector<std::string> args)
 	return {status, p.out(), p.err()};
 }
 
+// Whether `line` starts a record of blcat's output: its time stamp and level
+// ("d" stands for a digit). Matched by hand: <regex> under the sanitizers
+// draws false maybe-uninitialized warnings from GCC 12.
+bool starts_record(const std::string &line)
+{
+	constexpr std::string_view STAMP = "dddd-dd-dd dd:dd:dd.ddddddddd L";
+	if (line.size() < STAMP.size())
+		return false;
+	for (std::size_t i = 0; i < STAMP.size(); i++)
+		if (STAMP[i] == 'd' ? !std::isdigit(static_cast<unsigned char>(line[i])) : line[i] != STAMP[i])
+			return false;
+	return true;
+}
+
 }  // namespace
 
 TEST_F(TraceFile, EverySingleByteCorruptionIsRejectedOrSkipped)
@@ -337,11 +352,10 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesAndMergesFilesByTime)
 		std::ofstream(ORV_SOURCE_DIR "/tests/data/blcat_golden.txt") << std::get<1>(r);
 	EXPECT_EQ(r, std::tuple(0, expected(), ""));
 	// The golden output split into records, each starting with its time stamp.
-	static const std::regex start("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{9} L");
 	std::vector<std::string> all;
 	std::istringstream in(expected());
 	for (std::string line; std::getline(in, line);)
-		if (all.empty() || std::regex_search(line, start))
+		if (all.empty() || starts_record(line))
 			all.push_back(line + "\n");
 		else
 			all.back() += line + "\n";

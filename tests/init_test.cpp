@@ -42,7 +42,8 @@ TEST(VrfInit, UnbindableSourceFailsAfterTheStoreIsSetUpAndPersistKeepsIt)
 		unsetenv("NSPATH");
 		reflector_cfg = {};
 	}};
-	reflector_cfg = {.sourceIp = inet_addr("198.51.100.77")};
+	reflector_cfg = {};
+	reflector_cfg.sourceIp = inet_addr("198.51.100.77");
 	EXPECT_EQ(vrf_init(), nullptr);
 	// A counter left by a previous run survives only with persist.
 	unique_fd fd{shm_open(name, O_RDWR, 0)};
@@ -99,8 +100,9 @@ TEST(StartupCommandLine, HelpUnrecognizedOptionsAndMissingValuesPrintTheirTextAn
 		EXPECT_EQ(p.exit_status(), 0) << what;
 		EXPECT_EQ(p.out().substr(0, out.size()), out) << what;
 		EXPECT_NE(p.out().find(" -S | --persist SBFD statistics\n"), std::string::npos) << "the whole help text";
-		if (&out == &UNRECOGNIZED)
+		if (&out == &UNRECOGNIZED) {
 			EXPECT_NE(p.err(), "") << "getopt_long's own diagnostic goes to standard error";
+		}
 	}
 }
 

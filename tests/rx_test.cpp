@@ -100,8 +100,9 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 		}
 		const auto errors = tr.take(TRACE_ERROR);
 		ASSERT_EQ(errors.size(), c.message ? 1u : 0u);
-		if (c.message)
+		if (c.message) {
 			EXPECT_EQ(errors[0].rfind(c.message, 0), 0u) << errors[0];
+		}
 		const bool validated = c.counter != &S::unsupported && c.counter != &S::invalid_pkt_format;
 		EXPECT_THAT(tr.take(TRACE_STATS), Contains(HasSubstr("GLOBAL STATS:")).Times(validated ? 1 : 0));
 	}

@@ -86,7 +86,8 @@ struct harness {
 
 	explicit harness(bool persist = false)
 	{
-		reflector_cfg = {.discriminator = htonl(OUR_DISC), .minRx = OUR_MIN_RX, .sourceIp = ip("127.0.0.1"), .persist = persist};
+		reflector_cfg = {.discriminator = htonl(OUR_DISC), .minRx = OUR_MIN_RX, .sourceIp = ip("127.0.0.1"),
+				 .adminDown = 0, .daemonize = 0, .persist = persist};
 		vrf->name = DEFAULT_NS;
 		vrf->shm = store;  // zero-filled, like a new store
 		for (auto &h : vrf->hash_tbl)
@@ -108,7 +109,10 @@ struct harness {
 	}
 
 	void setup_table() { ASSERT_EQ(session_table_setup(vrf.get()), 0); }
-	frame_spec frame_shape() const { return {.src_ip = INITIATOR_IP, .src_port = receiver_port}; }
+	frame_spec frame_shape() const
+	{
+		return {.labels = {}, .ip_options = {}, .src_ip = INITIATOR_IP, .src_port = receiver_port};
+	}
 	bytes frame(const request &r) const { return probe_frame_build(frame_shape(), r.encode()); }
 
 	// Hands one datagram to a receive callback through the socket pair.

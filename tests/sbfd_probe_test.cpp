@@ -21,7 +21,8 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 	// Labels, bytes of IPv4 options, where the control packet starts.
 	const std::tuple<std::vector<std::uint32_t>, std::size_t, std::size_t> cases[] = {
 		{{}, 0, 42}, {{0}, 0, 46}, {{16, 0}, 0, 50}, {{}, 8, 50}};
-	frame_spec s{.tos = 0xc0, .ip_ttl = 255, .src_ip = 0xc0000202, .dst_ip = 0xc0000201, .src_port = 49152};
+	frame_spec s{.labels = {}, .tos = 0xc0, .ip_ttl = 255, .ip_options = {}, .src_ip = 0xc0000202, .dst_ip = 0xc0000201,
+		     .src_port = 49152};
 	frame_view v;
 	for (const auto &[labels, opt_len, payload_off] : cases) {
 		s.labels = labels;
@@ -91,8 +92,8 @@ TEST(PingRun, MatchesRepliesToProbesAndCountsLossLateForeignAndWrongSource)
 	setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
 	std::thread refl(scripted_reflector, fd.get(), "rxodrf", std::vector<int>{wrong_port.get(), wrong_addr.get()});
 	// A timeout below the interval writes a lost probe off before the next.
-	const ping_options opt{.target = {htonl(addr)}, .count = 6, .interval_s = 0.3, .timeout_s = 0.2,
-			       .params = {.my_disc = 1234, .your_disc = 99}};
+	const ping_options opt{.target = {htonl(addr)}, .source = std::nullopt, .count = 6, .interval_s = 0.3, .timeout_s = 0.2,
+			       .params = {.my_disc = 1234, .your_disc = 99}, .mpls_iface = {}, .dst_mac = std::nullopt};
 	ping_stats st;
 	std::string err;
 	char *text = nullptr;

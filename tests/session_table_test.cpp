@@ -23,6 +23,16 @@ void fill(harness &h, std::uint32_t n, std::uint32_t first_disc = 1)
 		lookup(h, d, "192.0.2.1");
 }
 
+// A session record with `disc`, `source_ip` and `last_rx` set and every other byte zero.
+reflector_session session_record(std::uint32_t disc, std::uint32_t source_ip, shm_timestamp last_rx = {})
+{
+	reflector_session s{};
+	s.discriminator = disc;
+	s.source_ip = source_ip;
+	s.last_rx = last_rx;
+	return s;
+}
+
 }  // namespace
 
 TEST(SessionTable, NewSessionsTakeTheHighestFreeSlotZeroedAndAFullTableEvictsTheLeastRecentlyUsed)
@@ -33,7 +43,7 @@ TEST(SessionTable, NewSessionsTakeTheHighestFreeSlotZeroedAndAFullTableEvictsThe
 	h.setup_table();
 	session_node *a = lookup(h, 7, "192.0.2.1");
 	ASSERT_EQ(h.slot_of(a), 511u);
-	const reflector_session expect{.discriminator = 7, .source_ip = ip("192.0.2.1")};
+	const reflector_session expect = session_record(7, ip("192.0.2.1"));
 	EXPECT_EQ(std::memcmp(a->shm_session, &expect, sizeof expect), 0) << "a new record starts zeroed";
 	// Same discriminator from another address, and another discriminator from the same address.
 	EXPECT_EQ(h.slot_of(lookup(h, 7, "192.0.2.2")), 510u);
@@ -93,7 +103,7 @@ TEST(SessionTable, KeptStoreIsRestoredNewestFirstAndEvictsItsOldestFirst)
 		SCOPED_TRACE(c.name);
 		harness h(/*persist=*/true);
 		for (auto [k, sec, nsec] : c.slots)
-			h.store->sessions[k] = {.discriminator = 100 + k, .source_ip = ip("192.0.2.5"), .last_rx = {sec, nsec}};
+			h.store->sessions[k] = session_record(100 + k, ip("192.0.2.5"), {sec, nsec});
 		h.store->rx_hash_hit = 42;
 		h.setup_table();
 		EXPECT_EQ(h.cache_order(), c.order);
@@ -105,8 +115,9 @@ TEST(SessionTable, KeptStoreIsRestoredNewestFirstAndEvictsItsOldestFirst)
 		fill(h, 512 - static_cast<std::uint32_t>(c.slots.size()), 1000);
 		EXPECT_EQ(h.slot_of(lookup(h, 9999, "198.51.100.2")), c.order.back());
 		for (auto [k, sec, nsec] : c.slots)
-			if (k != c.order.back())
+			if (k != c.order.back()) {
 				EXPECT_EQ(lookup(h, 100 + k, "192.0.2.5"), &h.vrf->rx_sess[k]);
+			}
 	}
 }
 

@@ -96,8 +96,9 @@ TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 		edit(snap->store);
 		std::string why;
 		EXPECT_EQ(shmstat_plausible(snap->store, true, &why), accepted) << what << ": " << why;
-		if (cross)  // a torn copy must not be rejected for these
+		if (cross) {  // a torn copy must not be rejected for these
 			EXPECT_TRUE(shmstat_plausible(snap->store, false, &why)) << what << ": " << why;
+		}
 	}
 }
 
@@ -143,16 +144,18 @@ TEST(ShmstatText, AlignsTheSessionTableAndShowsRatesAcrossAWrap)
 	std::size_t end = std::string::npos;  // where the header's RECEIVED ends
 	int rows = 0;
 	for (std::string line; std::getline(in, line);) {
-		if (line.find("bad_version") != std::string::npos)
+		if (line.find("bad_version") != std::string::npos) {
 			EXPECT_NE(line.find(" 2.0"), std::string::npos) << line;
+		}
 		if (line.starts_with("DISCRIMINATOR")) {
 			end = line.find("RECEIVED") + std::strlen("RECEIVED");
 		} else if (end != std::string::npos) {  // a session row: its count ends where the header does
 			rows++;
 			ASSERT_GT(line.size(), end) << line;
 			EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(line[end - 1])) && line[end] == ' ') << line;
-			if (line.find(" 200  192.0.2.11:49152 ") != std::string::npos)
+			if (line.find(" 200  192.0.2.11:49152 ") != std::string::npos) {
 				EXPECT_NE(line.find(" 5.0 "), std::string::npos) << "10 requests in 2 s: " << line;
+			}
 		}
 	}
 	EXPECT_EQ(rows, 3);

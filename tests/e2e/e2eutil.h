@@ -35,7 +35,7 @@ constexpr std::uint32_t INITIATOR_IP_H = 0xc0000202;  // 192.0.2.2
 
 struct reply {
 	std::vector<std::uint8_t> frame;
-	frame_view v;  // parsed from `frame`
+	frame_view v{};  // parsed from `frame`
 	bfd_ctrl_pkt pkt{};
 };
 
@@ -86,7 +86,8 @@ protected:
 		const sockaddr_in a{AF_INET, htons(port), {htonl(INITIATOR_IP_H)}, {}},
 				  d{AF_INET, htons(SBFD_PORT), {htonl(DAEMON_IP_H)}, {}};
 		const sockaddr_ll ll{.sll_family = AF_PACKET, .sll_protocol = htons(ETH_P_ALL),
-				     .sll_ifindex = std::atoi(testutil::output_of("ip -n " + ns_i + " -o link show dev vi0").c_str())};
+				     .sll_ifindex = std::atoi(testutil::output_of("ip -n " + ns_i + " -o link show dev vi0").c_str()),
+				     .sll_hatype = 0, .sll_pkttype = 0, .sll_halen = 0, .sll_addr = {}};
 		const timeval tv{0, 20000};
 		ASSERT_EQ(bind(udp.get(), reinterpret_cast<const sockaddr *>(&a), sizeof a), 0);
 		ASSERT_EQ(connect(udp.get(), reinterpret_cast<const sockaddr *>(&d), sizeof d), 0);
@@ -113,7 +114,8 @@ protected:
 	// (its packet sockets take any destination MAC).
 	frame_spec shape() const
 	{
-		return {.dst_mac = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, .src_ip = INITIATOR_IP_H, .dst_ip = DAEMON_IP_H, .src_port = port};
+		return {.dst_mac = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, .labels = {}, .ip_options = {},
+			.src_ip = INITIATOR_IP_H, .dst_ip = DAEMON_IP_H, .src_port = port};
 	}
 	// The next frame from port 7784 that reached vi0 within `timeout`; with
 	// `outgoing`, the next UDP frame that left it instead.

@@ -150,7 +150,8 @@ TEST_F(FaultInNamespace, KillNineThenPersistRestartUnderHarmLosesNothingAndAnswe
 		broken(0, 0), broken(1, 0x40), broken(2, 0), broken(7, 0), broken(11, 8),  // version, D, Detect Mult, discriminators
 		probe_frame_build(shape(), std::span(good).first(20))};
 	unique_fd nl{netnsSocketAt(AF_NETLINK, SOCK_RAW, NETLINK_USERSOCK, ns_d.c_str())};
-	const sockaddr_nl to{.nl_family = AF_NETLINK, .nl_pid = static_cast<std::uint32_t>(daemon->pid())};
+	const sockaddr_nl to{.nl_family = AF_NETLINK, .nl_pad = 0, .nl_pid = static_cast<std::uint32_t>(daemon->pid()),
+			     .nl_groups = 0};
 	ASSERT_EQ(connect(nl.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
 	auto send_nl = [&](std::span<const std::uint8_t> m) {
 		return send(nl.get(), m.data(), m.size(), 0) == static_cast<ssize_t>(m.size());
@@ -187,8 +188,9 @@ TEST_F(FaultInNamespace, KillNineThenPersistRestartUnderHarmLosesNothingAndAnswe
 
 	const reflector_shm now = store();
 	for (const auto &k : SHMSTAT_COUNTERS)
-		if (k.group != shmstat_group::hash)
+		if (k.group != shmstat_group::hash) {
 			EXPECT_GE(shmstat_counter_value(k, now), shmstat_counter_value(k, killed)) << k.name << " went back";
+		}
 	EXPECT_EQ(now.rx_valid_pkts - killed.rx_valid_pkts, r.sent) << "every request counted, no malformed frame";
 	for (std::size_t k = 0; k < MAX_SESSIONS; k++) {  // each old session found again in its slot, none created
 		const auto &was = killed.sessions[k], &is = now.sessions[k];
