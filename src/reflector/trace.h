@@ -2,12 +2,12 @@
 //
 // TRACE(level, fmt, args...) follows the record protocol of every call site:
 // the handle is tested before any argument is evaluated (so no errno read,
-// inet_ntoa or ctime happens while tracing is off); each call site has its own
-// static message id, zero until the site's first record describes it (file,
-// line, argument types, format text); later records carry only the id and the
-// values. Argument types are taken from the C++ types of the values, at
-// compile time: pass a value of the width and signedness the trace should
-// hold, casting at the call site where the held value differs.
+// address text or ctime happens while tracing is off); each call site has
+// its own static message id, zero until the site's first record describes it
+// (file, line, argument types, format text); later records carry only the
+// id and the values. Argument types are taken from the C++ types of the
+// values, at compile time: pass a value of the width and signedness the
+// trace should hold, casting at the call site where the held value differs.
 //
 // TRACE is a macro, not a function, for the two things only a macro gives:
 // an argument list left unevaluated when tracing is off, and one static id per
