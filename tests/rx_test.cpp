@@ -5,9 +5,12 @@
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
+#include <algorithm>
+#include <array>
 #include <thread>
 #include <tuple>
 
+#include "nlctl.h"
 #include "rxutil.h"
 
 using namespace rxt;
@@ -108,34 +111,82 @@ TEST(FrameReception, EachFrameIsAnsweredOrCountedUnderExactlyOneReason)
 	}
 }
 
-TEST(FrameReception, RequestsFillTheirSessionAndAccumulateGapsAndStateChanges)
+namespace {
+
+// Every field of a slot, one "name value" line each, so that a comparison names what differs.
+std::string slot_text(const reflector_session &s)
 {
-	harness h;
-	h.setup_table();
-	const reflector_session &s = h.store->sessions[511];  // the first session takes the highest slot
+	std::string t;
+	auto add = [&t](const char *name, auto v) { t += std::string(name) + " " + std::to_string(v) + "\n"; };
+	add("discriminator", s.discriminator), add("source_ip", s.source_ip), add("desired_min_tx", s.desired_min_tx);
+	add("required_min_rx", s.required_min_rx), add("required_min_echo_rx", s.required_min_echo_rx);
+	add("min_period", s.min_period), add("max_period", s.max_period), add("your_disc", s.your_disc);
+	add("source_port", s.source_port), add("detect_multiplier", s.detect_multiplier), add("state", s.state);
+	add("prev_state", s.prev_state), add("diag", s.diag), add("version", s.version), add("demand", s.demand);
+	add("final", s.final), add("poll", s.poll), add("length", s.length), add("tx_state", s.tx_state);
+	add("prev_tx_state", s.prev_tx_state), add("tx_diag", s.tx_diag), add("reserved", s.reserved[0] << 8 | s.reserved[1]);
+	add("num_received", s.num_received), add("period_sum", s.period_sum), add("num_sent", s.num_sent);
+	for (const auto &[name, ts] : {std::pair{"last_rx", s.last_rx}, {"last_state_change", s.last_state_change},
+				       {"last_tx", s.last_tx}, {"last_tx_state_change", s.last_tx_state_change}})
+		add(name, ts.tv_sec), add(name, ts.tv_nsec);
+	return t;
+}
+
+}  // namespace
+
+// Four requests, Down, Down, Up, Up, with fields of their own, answered Up,
+// Up, Up, then AdminDown: after the first and after the last, all 136 bytes
+// of the slot are what they must be. Times lie within the clock readings
+// around their request; the gaps (10, 25, 5 ms: the largest in the middle,
+// the smallest last) are those between the stored receive times.
+TEST(FrameReception, RequestsFillEveryFieldOfTheirSlot)
+{
+	std::optional<harness> h;
+	do  // a port whose two bytes differ, so that a byte-order fault shows
+		h.emplace();
+	while (h->receiver_port >> 8 == (h->receiver_port & 0xFF));
+	h->setup_table();
+	const reflector_session &s = h->store->sessions[511];  // the first session takes the highest slot
 	auto us = [](const shm_timestamp &t) { return t.tv_sec * 1000000 + t.tv_nsec / 1000; };
-	request r{.diag = 3, .flags = BFD_FLAG_D | BFD_FLAG_P | BFD_FLAG_F};
-	h.feed(h.frame(r));
-	EXPECT_EQ(std::vector<std::uint64_t>({s.your_disc, s.diag, s.version, s.demand, s.final, s.poll, s.length, s.prev_state,
-					      s.num_received, s.min_period, s.max_period, s.period_sum}),
-		  std::vector<std::uint64_t>({OUR_DISC, 3, 1, 1, 1, 1, 24, 0, 1, 0, 0, 0}));
-	const shm_timestamp first = s.last_rx;
-	EXPECT_EQ(us(s.last_state_change), us(first));
-
-	std::this_thread::sleep_for(std::chrono::milliseconds(30));
-	r.flags = BFD_FLAG_D;
-	h.feed(h.frame(r));
-	EXPECT_EQ(std::tuple(s.num_received, s.poll, s.max_period, s.period_sum), std::tuple(2u, 0, s.min_period, s.min_period));
-	EXPECT_GE(s.min_period, 30000u);
-	EXPECT_EQ(us(s.last_state_change), us(first)) << "no state change yet";
-
-	r.state = BFD_STATE_UP;  // Down, Down, Up, Up: the change is recorded at the third only
-	h.feed(h.frame(r));
-	const shm_timestamp third = s.last_rx;
-	h.feed(h.frame(r));
-	EXPECT_EQ(std::tuple(s.prev_state, s.state, us(s.last_state_change)), std::tuple(BFD_STATE_DOWN, BFD_STATE_UP, us(third)));
-	EXPECT_EQ(static_cast<std::int64_t>(s.period_sum), us(s.last_rx) - us(first));
-	EXPECT_LE(s.min_period, s.max_period);
+	auto now = [] {
+		timespec t;
+		clock_gettime(CLOCK_REALTIME, &t);
+		return shm_timestamp{t.tv_sec, t.tv_nsec};
+	};
+	reflector_session want{};
+	want.discriminator = 0x11223344, want.source_ip = htonl(INITIATOR_IP), want.source_port = h->receiver_port;
+	want.your_disc = OUR_DISC, want.version = 1, want.length = 24, want.demand = 1;
+	std::vector<shm_timestamp> rx, tx;  // the slot's last_rx and last_tx after each request
+	for (std::uint8_t k = 1; k <= 4; k++) {
+		std::this_thread::sleep_for(std::chrono::milliseconds(std::array{0, 10, 25, 5}[k - 1]));
+		const request r{.diag = static_cast<std::uint8_t>(2 + k), .state = k < 3 ? BFD_STATE_DOWN : BFD_STATE_UP,
+				.flags = static_cast<std::uint8_t>(BFD_FLAG_D | (k != 2 && k != 3 ? BFD_FLAG_P : 0) | (k % 2 ? BFD_FLAG_F : 0)),
+				.detect_mult = static_cast<std::uint8_t>(6 - k), .length = 24, .my_disc = 0x11223344, .your_disc = OUR_DISC,
+				.min_tx = 100000u + k, .min_rx = 200000u + k, .min_echo_rx = 300000u + k};
+		reflector_cfg.adminDown = k == 4;
+		const shm_timestamp before = now();
+		h->feed(h->frame(r));
+		const shm_timestamp after = now();
+		rx.push_back(s.last_rx), tx.push_back(s.last_tx);
+		EXPECT_TRUE(us(before) <= us(rx.back()) && us(rx.back()) <= us(tx.back()) && us(tx.back()) <= us(after)) << int{k};
+		want.desired_min_tx = r.min_tx, want.required_min_rx = r.min_rx, want.required_min_echo_rx = r.min_echo_rx;
+		want.detect_multiplier = r.detect_mult, want.diag = r.diag, want.poll = k != 2 && k != 3, want.final = k % 2;
+		want.num_received = want.num_sent = k, want.last_rx = rx.back(), want.last_tx = tx.back();
+		if (k == 1) {
+			want.state = BFD_STATE_DOWN, want.last_state_change = rx[0];
+			want.tx_state = BFD_STATE_UP, want.last_tx_state_change = tx[0];
+			EXPECT_EQ(slot_text(s), slot_text(want)) << "after the first request";
+		}
+	}
+	want.state = BFD_STATE_UP, want.prev_state = BFD_STATE_DOWN, want.last_state_change = rx[2];
+	want.tx_state = BFD_STATE_ADMIN_DOWN, want.prev_tx_state = BFD_STATE_UP, want.tx_diag = BFD_DIAG_ADMIN_DOWN;
+	want.last_tx_state_change = tx[1];  // the reply after the first change of sent state
+	const std::int64_t gaps[] = {us(rx[1]) - us(rx[0]), us(rx[2]) - us(rx[1]), us(rx[3]) - us(rx[2])};
+	want.min_period = static_cast<std::uint32_t>(*std::min_element(std::begin(gaps), std::end(gaps)));
+	want.max_period = static_cast<std::uint32_t>(*std::max_element(std::begin(gaps), std::end(gaps)));
+	want.period_sum = static_cast<std::uint64_t>(gaps[0] + gaps[1] + gaps[2]);
+	EXPECT_EQ(slot_text(s), slot_text(want));
+	EXPECT_EQ(std::memcmp(&s, &want, sizeof want), 0) << "a byte outside the named fields";
 }
 
 TEST(Reply, SendFailuresAreCountedAndRetriedOnlyWhenUnreachable)
@@ -284,6 +335,27 @@ TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
 		EXPECT_EQ(h.vrf->outfd, outfd) << "no new address to bind: the same transmit socket stays";
 		EXPECT_EQ(tr.take(TRACE_ERROR), std::vector<std::string>(c.unknown, "ERROR-Netlink: Unknown message type 17, data 5"));
 	}
+}
+
+// orvalindwarden-ctl's message, as its encoder makes it, applied by the
+// daemon's handler and traced at level 3 as what was set.
+TEST(NetlinkChannel, CtlMessageIsAppliedAndTracedAsSet)
+{
+	static bool feeding = false;  // the handler exits (status 0) when it cannot bind a source: fail then
+	std::atexit([] {
+		if (feeding)
+			std::fputs("the netlink handler ended the process\n", stderr), std::_Exit(1);
+	});
+	auto &tr = trace_reader::get();
+	harness h;
+	const auto msg = nlctl_encode({.disc = 4242, .min_rx = 123456, .src_ip = INADDR_LOOPBACK, .admin_down = true}, 7);
+	tr.take();
+	feeding = true;
+	h.feed(bytes(msg.begin(), msg.end()), rx_netlink_ready);
+	feeding = false;
+	EXPECT_EQ(std::tuple(ntohl(reflector_cfg.discriminator), reflector_cfg.minRx, reflector_cfg.sourceIp, reflector_cfg.adminDown),
+		  std::tuple(4242u, 123456u, ip("127.0.0.1"), 1));
+	EXPECT_THAT(tr.take(TRACE_RX), Contains("RX-Netlink: set disc 4242 min_rx 123456 src_ip 127.0.0.1 adminDown 1"));
 }
 
 namespace {

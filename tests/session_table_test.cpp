@@ -121,6 +121,28 @@ TEST(SessionTable, KeptStoreIsRestoredNewestFirstAndEvictsItsOldestFirst)
 	}
 }
 
+// Worked examples: the address as received (a.b.c.d is hashed a first),
+// the full 32-bit hash and the bucket, its low 11 bits, which the level-3
+// line of a lookup shows, for a new session and when found again.
+TEST(SessionHash, MatchesWorkedExamplesAndALookupTracesItsBucket)
+{
+	const std::tuple<const char *, std::uint32_t, std::uint32_t, std::uint32_t> cases[] = {  // address, disc, hash, bucket
+		{"10.0.0.1", 1, 0x4D9F0A5D, 605}, {"10.0.0.1", 2, 0xA2100D6E, 1390},
+		{"192.168.1.2", 0x12345678, 0x6B6EF626, 1574}, {"1.2.3.4", 100, 0xB789A349, 841}};
+	auto &tr = trace_reader::get();
+	harness h;
+	h.setup_table();
+	for (const auto &[addr, disc, hash, bucket] : cases) {
+		SCOPED_TRACE(std::string(addr) + " " + std::to_string(disc));
+		EXPECT_EQ(hashmix(disc, hashmix(ip(addr), 0, 0), 1), hash);
+		EXPECT_EQ(get_session_hash(ip(addr), disc), bucket);
+		tr.take();
+		lookup(h, disc, addr), lookup(h, disc, addr);
+		const std::string line = "RX: Hash=" + std::to_string(bucket) + ", ";
+		EXPECT_EQ(tr.take(TRACE_RX), (std::vector<std::string>{line + "allocating new session", line + "found exising session"}));
+	}
+}
+
 TEST(SessionTableDeathTest, BrokenInvariantsAbortWithTheirText)
 {
 	const struct {
