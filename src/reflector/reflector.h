@@ -5,8 +5,8 @@
 //
 // What other programs share with the daemon lives in src/wire and is
 // included from here: the frames and the BFD control packet (wire.h), the
-// netlink control message (wire.h) and the shared session store with its
-// object name (store.h).
+// netlink control message (wire.h), the shared session store with its
+// object name (store.h) and the run-state file (runstate.h).
 #pragma once
 
 #include <linux/filter.h>
@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "runstate.h"
 #include "store.h"
 #include "wire.h"
 
@@ -175,6 +176,8 @@ struct reflector_vrf {
 	int nlfd;                                 // netlink control socket; 0: not opened
 	int addrfd;                               // address watch (NETLINK_ROUTE); 0: none
 	local_addr_table local_addrs;             // own addresses; empty while addrfd is 0
+	char state_path[RUN_STATE_PATH_MAX];      // run-state file; "": none is written
+	shm_timestamp started;                    // start of the daemon, CLOCK_REALTIME
 };
 
 // Writes one record to the system log as the daemon ("SBFD_REFLECTOR", with
@@ -300,8 +303,16 @@ void dump_hash_tbl(reflector_vrf *vrf);
 
 // ---- reflectorRx.cpp: control channel ----
 
-// Read callback of the netlink socket: one datagram per call.
+// Read callback of the netlink socket: one datagram per call. After a
+// datagram that set the configuration (and re-created the transmit socket
+// for a new source) the run-state file is rewritten (reflector_save_state).
 void rx_netlink_ready(int fd, short what, void *arg);
+
+// Rewrites vrf->state_path (runstate.h) with reflector_cfg, our pid,
+// vrf->started and `since` as the time of the start or change. Does nothing
+// while state_path is "" (tests, fuzz targets). A failure is traced (level
+// 1) and otherwise ignored: replies do not depend on the file.
+void reflector_save_state(const reflector_vrf *vrf, const shm_timestamp &since);
 
 // ---- reflectorRx.cpp: the reply's destination and the own addresses ----
 

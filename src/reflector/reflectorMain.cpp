@@ -1,6 +1,7 @@
 // reflectorMain.cpp -- process entry of the S-BFD reflector (RFC 7880, 7881):
 // command line, trace handle, detaching, pid file, the one handled signal,
-// the context, the start-up record in the system log and the event loop.
+// the context, the first run-state file, the start-up record in the system
+// log and the event loop.
 //
 // Runs once on the only thread. Owns: reflector_cfg as parsed from argv and
 // bl_handle. Nothing printed once the command line is accepted; from then on
@@ -16,6 +17,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "ensure.h"
 #include "reflector.h"
@@ -147,6 +149,23 @@ void install_signal_handler()
 	sigaction(SIGRTMIN + 9, &sa, nullptr);
 }
 
+// The run-state file of our store's name, with the configuration of the
+// command line and this moment as the start. Without a usable path (an
+// NSPATH that makes the name too long) the daemon runs without the file.
+void write_first_state(reflector_vrf *vrf)
+{
+	timespec now{};
+	clock_gettime(CLOCK_REALTIME, &now);
+	vrf->started = {now.tv_sec, now.tv_nsec};
+	char name[SHM_NAME_LEN];
+	shm_store_name(name, std::getenv("NSPATH"));
+	if (run_state_path(vrf->state_path, sizeof vrf->state_path, name) != 0) {
+		TRACE(TRACE_ERROR, "ERROR: no run-state file for store %s: name too long", name);
+		return;
+	}
+	reflector_save_state(vrf, vrf->started);
+}
+
 void log_start()
 {
 	reflector_syslog(LOG_INFO, "Start SBFD Reflector with Discriminator: %u, sourceIp: %s, minRx: %u ",
@@ -176,6 +195,7 @@ reflector_vrf *start_up()
 		TRACE(TRACE_ERROR, "ERROR: VRF init failed");
 		return nullptr;
 	}
+	write_first_state(vrf);
 	log_start();
 	TRACE(TRACE_INIT, "INIT: orvalindwarden ready");
 	return vrf;

@@ -1,6 +1,7 @@
 // reflectorRx.cpp -- receive path: read frames from the packet sockets,
 // validate each one and answer the valid ones at once; the session table,
-// the statistics report, the netlink control channel and the address watch.
+// the statistics report, the netlink control channel with the run-state
+// file it rewrites, and the address watch.
 //
 // Runs on the event-loop thread only. Owns: the session table of the context
 // (hash_tbl, sess_cache, free_list, rx_sess), the own addresses
@@ -61,7 +62,12 @@ int send_reply(reflector_vrf *vrf, std::uint8_t *wire, bfd_ctrl_pkt &pkt, const 
 ssize_t send_with_retries(reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to);
 ssize_t reply_sendto(const reflector_vrf *vrf, const std::uint8_t *wire, const sockaddr_in &to);
 void record_tx(reflector_session *s, const bfd_ctrl_pkt &reply);
-bool nl_apply_datagram(std::span<const std::uint8_t> dgram);
+// What one control datagram did to reflector_cfg.
+struct nl_applied {
+	bool set;             // at least one set message was applied
+	bool source_changed;  // and sourceIp is not what it was
+};
+nl_applied nl_apply_datagram(std::span<const std::uint8_t> dgram);
 
 }  // namespace
 
@@ -808,27 +814,46 @@ void rx_netlink_ready(int fd, short what, void *arg)
 	}
 	TRACE(TRACE_RX, "RX: socket netlink ready with %lu bytes", n);
 
-	if (!nl_apply_datagram({buf, static_cast<std::size_t>(n)}))
+	const nl_applied applied = nl_apply_datagram({buf, static_cast<std::size_t>(n)});
+	if (!applied.set)
 		return;
 	// A new source address: the transmit socket is bound to the old one.
-	close(vrf->outfd);
-	if (init_out_socket(vrf) != INIT_OK) {
-		TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
-		std::exit(0);
+	if (applied.source_changed) {
+		close(vrf->outfd);
+		if (init_out_socket(vrf) != INIT_OK) {
+			TRACE(TRACE_ERROR, "ERROR: outfd init failed, terminate to retry");
+			std::exit(0);
+		}
 	}
+	// Once per datagram, and only for a configuration the daemon runs with.
+	timespec now{};
+	clock_gettime(CLOCK_REALTIME, &now);
+	reflector_save_state(vrf, {now.tv_sec, now.tv_nsec});
+}
+
+void reflector_save_state(const reflector_vrf *vrf, const shm_timestamp &since)
+{
+	if (vrf->state_path[0] == '\0')
+		return;
+	const run_state s{static_cast<std::int32_t>(getpid()), ntohl(reflector_cfg.discriminator),
+			  reflector_cfg.sourceIp, reflector_cfg.minRx, reflector_cfg.adminDown,
+			  since.tv_sec, since.tv_nsec, vrf->started.tv_sec, vrf->started.tv_nsec};
+	if (run_state_write(vrf->state_path, s) != 0)
+		TRACE(TRACE_ERROR, "ERROR: run-state file %s not written, errno %d", vrf->state_path,
+		      static_cast<std::int32_t>(errno));
 }
 
 namespace {
 
 // Applies every set message of one control datagram to reflector_cfg, in
-// order. Returns true when the source address changed. `remaining` counts
-// the bytes from `off` to the end of the datagram, and every field read is
-// bounded by the datagram (load_host_within).
-bool nl_apply_datagram(std::span<const std::uint8_t> dgram)
+// order, and says whether any did and whether the source address changed.
+// `remaining` counts the bytes from `off` to the end of the datagram, and
+// every field read is bounded by the datagram (load_host_within).
+nl_applied nl_apply_datagram(std::span<const std::uint8_t> dgram)
 {
 	std::size_t off = 0;
 	std::size_t remaining = dgram.size();
-	bool source_changed = false;
+	nl_applied applied{false, false};
 	while (remaining >= NL_HDR_LEN) {
 		nlmsghdr h;
 		std::memcpy(&h, dgram.data() + off, sizeof h);
@@ -848,8 +873,9 @@ bool nl_apply_datagram(std::span<const std::uint8_t> dgram)
 				      min_rx, ipv4_dotted(src_ip).text, admin != 0);
 				reflector_cfg.discriminator = htonl(disc);
 				reflector_cfg.minRx = min_rx;
+				applied.set = true;
 				if (src_ip != reflector_cfg.sourceIp)
-					source_changed = true;
+					applied.source_changed = true;
 				reflector_cfg.sourceIp = src_ip;
 				reflector_cfg.adminDown = admin;
 			}
@@ -860,7 +886,7 @@ bool nl_apply_datagram(std::span<const std::uint8_t> dgram)
 		remaining -= step;
 		off += step;
 	}
-	return source_changed;
+	return applied;
 }
 
 }  // namespace

@@ -19,6 +19,8 @@
 
 #include "wire.h"
 
+static_assert(RUN_STATE_NAME_MAX == NAME_MAX);
+
 namespace {
 
 constexpr char HEADER[] = "orvalindwarden-state 1\n";
@@ -182,7 +184,7 @@ int run_state_path(char *buf, std::size_t cap, const char *object_name)
 		object_name++;
 	const std::size_t n = std::strlen(object_name);
 	if (n == 0 || std::strchr(object_name, '/') != nullptr || std::strcmp(object_name, ".") == 0 ||
-	    std::strcmp(object_name, "..") == 0 || n + sizeof RUN_STATE_SUFFIX - 1 > NAME_MAX)
+	    std::strcmp(object_name, "..") == 0 || n + sizeof RUN_STATE_SUFFIX - 1 > RUN_STATE_NAME_MAX)
 		return -1;
 	const int len = std::snprintf(buf, cap, "%s/%s%s", RUN_STATE_DIR, object_name, RUN_STATE_SUFFIX);
 	if (len < 0 || static_cast<std::size_t>(len) >= cap) {

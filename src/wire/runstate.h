@@ -45,6 +45,9 @@ constexpr char RUN_STATE_DIR[] = "/run/orvalindwarden";
 constexpr unsigned RUN_STATE_DIR_MODE = 0755;   // rwxr-xr-x: the tools of any user read
 constexpr unsigned RUN_STATE_FILE_MODE = 0644;  // rw-r--r--
 constexpr char RUN_STATE_SUFFIX[] = ".state";
+constexpr std::size_t RUN_STATE_NAME_MAX = 255;  // NAME_MAX: bytes of the file's own name
+// Buffer of a path run_state_path builds: directory, "/", name, NUL.
+constexpr std::size_t RUN_STATE_PATH_MAX = sizeof RUN_STATE_DIR + RUN_STATE_NAME_MAX + 1;  // 276
 
 // The largest file run_state_read takes; the daemon's text is far shorter
 // (RUN_STATE_TEXT_MAX).
@@ -72,8 +75,9 @@ struct run_state {
 // Builds "<RUN_STATE_DIR>/<object_name>.state" into `buf` (`cap` bytes),
 // NUL-terminated. A leading "/" of `object_name` is dropped, as shm_open's
 // names carry one. Returns 0, or -1 when the name is empty, ".", "..",
-// holds another "/", makes a file name longer than NAME_MAX or the path
-// longer than cap - 1 (buf then holds "").
+// holds another "/", makes a file name longer than RUN_STATE_NAME_MAX or the
+// path longer than cap - 1 (buf then holds ""). A buffer of
+// RUN_STATE_PATH_MAX bytes holds every path it builds.
 // REQUIRES: buf non-null when cap > 0; object_name non-null.
 int run_state_path(char *buf, std::size_t cap, const char *object_name);
 
