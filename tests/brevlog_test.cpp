@@ -289,11 +289,11 @@ protected:
 	static inline testutil::temp_dir *dir;
 };
 
-// Exit status, output and error of blcat with `args`.
-std::tuple<int, std::string, std::string> blcat(std::vector<std::string> args)
+// Exit status, output and error of blcat with `args`, in time zone `tz`.
+std::tuple<int, std::string, std::string> blcat(std::vector<std::string> args, const std::string &tz = "UTC")
 {
 	args.insert(args.begin(), testutil::bin("blcat"));
-	testutil::child_process p(args, {"TZ=UTC"});
+	testutil::child_process p(args, {"TZ=" + tz});
 	const int status = p.exit_status();
 	return {status, p.out(), p.err()};
 }
@@ -348,7 +348,7 @@ TEST_F(TraceFile, EverySingleByteCorruptionIsRejectedOrSkipped)
 TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesAndMergesFilesByTime)
 {
 	const auto r = blcat({golden()});
-	if (std::getenv("BLCAT_UPDATE_GOLDEN"))  // regenerate after a deliberate change
+	if (std::getenv("ORV_UPDATE_GOLDEN"))  // regenerate after a deliberate change
 		std::ofstream(ORV_SOURCE_DIR "/tests/data/blcat_golden.txt") << std::get<1>(r);
 	EXPECT_EQ(r, std::tuple(0, expected(), ""));
 	// The golden output split into records, each starting with its time stamp.
@@ -372,6 +372,16 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesAndMergesFilesByTime)
 	for (const auto &rec : all)
 		want += rec + rec;  // same times: the first file's record comes first
 	EXPECT_EQ(std::get<1>(blcat({golden(), copy})), want);
+}
+
+// Times are local: in a zone 5:30 ahead of UTC (a POSIX TZ string, which
+// needs no zone files) the records of 12:00 UTC show 17:30.
+TEST_F(TraceFile, BlcatPrintsLocalTime)
+{
+	std::string want = expected();
+	for (std::size_t at = 0; (at = want.find("2024-03-01 12:00:", at)) != std::string::npos; at++)
+		want.replace(at, 17, "2024-03-01 17:30:");
+	EXPECT_EQ(blcat({golden()}, "XST-5:30"), std::tuple(0, want, ""));
 }
 
 // An unusable or cut file gives one error line and status 1, a usage error

@@ -49,6 +49,35 @@ TEST(ProbeFrame, BuildsAndParsesPlainLabelledAndOptionFramesAndRefusesCutOrNonUd
 	EXPECT_FALSE(probe_frame_parse(probe_frame_build(s, payload), &v));
 }
 
+// What sbfd-ping prints: a reply with every field, and the summary of 10
+// probes, 6 answered in time, 2 late (lost all the same) and 2 never.
+TEST(PingOutput, ReplyLineAndSummaryShowEveryFieldAndTheCounts)
+{
+	bfd_ctrl_pkt pkt{.vers_diag = BFD_VERSION << BFD_VERSION_SHIFT | BFD_DIAG_ADMIN_DOWN,
+			 .flags = BFD_STATE_ADMIN_DOWN << BFD_STATE_SHIFT | BFD_FLAG_F | BFD_FLAG_C, .detect_multiplier = 3, .length = 24,
+			 .my_disc = htonl(4711), .your_disc = htonl(77), .min_tx_interval = htonl(1000000),
+			 .min_rx_interval = htonl(40000), .min_echo_rx_interval = htonl(5)};
+	const sockaddr_in from{AF_INET, htons(SBFD_PORT), {inet_addr("192.0.2.1")}, {}};
+	EXPECT_EQ(probe_format_reply(pkt, BFD_PKT_LEN, from, 3, 1.25),
+		  "24 bytes from 192.0.2.1:7784: seq=3 state=AdminDown diag=7 (Administratively Down) flags=FC mult=3 len=24 "
+		  "my_disc=4711 your_disc=77 min_tx=1000000 min_rx=40000 min_echo_rx=5 time=1.250 ms");
+
+	ping_options opt;
+	opt.target = from.sin_addr;
+	// Round trips 0.5, 1, 1, 1, 1.2 and 2.5 ms.
+	const ping_stats st{.sent = 10, .received = 6, .late = 2, .rtt_min_ms = 0.5, .rtt_max_ms = 2.5, .rtt_sum_ms = 7.2,
+			    .rtt_sum2_ms = 10.94, .elapsed_ms = 9012.4};
+	char *text = nullptr;
+	std::size_t len = 0;
+	std::FILE *out = open_memstream(&text, &len);
+	ping_print_summary(opt, st, out);
+	std::fclose(out);
+	EXPECT_EQ(std::string(text, len), "\n--- 192.0.2.1 sbfd-ping statistics ---\n"
+					  "10 packets transmitted, 6 received, 40% packet loss, time 9012ms, 2 late\n"
+					  "rtt min/avg/max/mdev = 0.500/1.200/2.500/0.619 ms\n");
+	std::free(text);
+}
+
 // A reflector on a loopback address of its own, answering per a script:
 // 'r' reply, 'x' ignore, 'o' reply for another discriminator, 'd' reply twice,
 // 'f' forge: the reply sent from each socket of `forgers` instead.
