@@ -23,7 +23,7 @@ while (($#)); do
 	esac
 	shift
 done
-((${#targets[@]})) || targets=(fuzz_frame fuzz_netlink fuzz_blreader fuzz_shmstat)
+((${#targets[@]})) || targets=(fuzz_frame fuzz_netlink fuzz_blreader fuzz_shmstat fuzz_runstate)
 
 if [ ! -f "$build/build.ninja" ]; then
 	san="-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer"

@@ -97,6 +97,8 @@ protected:
 
 	std::string nspath() const { return "/" + tag; }
 	std::string shm_name() const { return "orvalindwarden-" + tag; }
+	// The daemon's run-state file (runstate.h).
+	std::string state_path() const { return std::string(RUN_STATE_DIR) + "/" + shm_name() + RUN_STATE_SUFFIX; }
 	// The daemon's trace as blcat renders it (`suffix` ".1": the previous run's).
 	std::string trace(const std::string &suffix = "") const
 	{
@@ -150,6 +152,7 @@ protected:
 		testutil::run("ip netns del " + ns_d);
 		testutil::run("ip netns del " + ns_i);
 		shm_unlink(shm_name().c_str());
+		unlink(state_path().c_str());
 	}};
 	testutil::temp_dir logs{"orvlogs"};
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go

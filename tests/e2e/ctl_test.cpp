@@ -1,0 +1,153 @@
+// ctl_test.cpp -- the running configuration end to end: the daemon's
+// run-state file at start and after changes, orvalindwarden-ctl changing
+// only what it is asked and showing the rest, refusing a partial change
+// without that daemon's file, and reporting a daemon that ends on a change
+// with the reason from its trace.
+#include <sys/stat.h>
+
+#include "e2e/e2eutil.h"
+#include "nlctl.h"
+
+namespace {
+
+using e2e::bin;
+using e2e::ms;
+
+struct result {
+	int status;
+	std::string out;  // standard output and error
+	bool has(const std::string &part) const { return out.find(part) != std::string::npos; }
+};
+
+class CtlInNamespace : public e2e::E2eTest {
+protected:
+	result ctl(std::vector<std::string> where, const std::vector<std::string> &what)
+	{
+		where.insert(where.begin(), bin("orvalindwarden-ctl"));
+		where.insert(where.end(), what.begin(), what.end());
+		testutil::child_process p(where);
+		return {p.exit_status(), p.out() + p.err()};
+	}
+	std::vector<std::string> here() const { return {"--netns", ns_d, "--pid", std::to_string(daemon->pid())}; }
+	std::size_t traced(const std::string &part) const
+	{
+		const std::string t = trace();
+		std::size_t n = 0;
+		for (std::size_t at = 0; (at = t.find(part, at)) != std::string::npos; at++)
+			n++;
+		return n;
+	}
+};
+
+TEST_F(CtlInNamespace, ChangesOnlyWhatItIsAskedAndShowsTheRunningConfiguration)
+{
+	start(100, 1000);
+	const pid_t pid = daemon->pid();
+	run_state s{};
+	ASSERT_EQ(run_state_read(state_path().c_str(), &s), RUN_STATE_OK) << testutil::read_file(state_path());
+	EXPECT_EQ(std::tuple(s.pid, s.discriminator, s.source_ip, s.min_rx, s.admin_down, s.since_sec, s.since_nsec),
+		  std::tuple(pid, 100u, htonl(e2e::DAEMON_IP_H), 1000u, std::uint8_t{0}, s.started_sec, s.started_nsec))
+		<< "not the command line's configuration, since its start";
+	struct stat st {};
+	ASSERT_EQ(stat(state_path().c_str(), &st), 0);
+	EXPECT_EQ(st.st_mode & 07777, 0644u);
+
+	result r = ctl(here(), {"--admin-down"});
+	ASSERT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	auto reply = ask({.my_disc = 555, .your_disc = 100});
+	ASSERT_TRUE(reply) << "no reply with the discriminator kept";
+	EXPECT_EQ(std::tuple(ntohl(reply->pkt.my_disc), ntohl(reply->pkt.min_rx_interval), bfd_state_of(reply->pkt),
+			     bfd_diag(reply->pkt), reply->v.src_ip),
+		  std::tuple(100u, 1000u, BFD_STATE_ADMIN_DOWN, BFD_DIAG_ADMIN_DOWN, e2e::DAEMON_IP_H));
+	r = ctl(here(), {"-r", "2000"});  // keeps the admin state just set
+	ASSERT_EQ(r.status, 0) << r.out;
+	reply = ask({.my_disc = 555, .your_disc = 100});
+	ASSERT_TRUE(reply);
+	EXPECT_EQ(std::tuple(ntohl(reply->pkt.min_rx_interval), bfd_state_of(reply->pkt)), std::tuple(2000u, BFD_STATE_ADMIN_DOWN));
+	r = ctl(here(), {"--show"});
+	EXPECT_TRUE(r.status == 0 && r.has("discriminator 100\nsource        192.0.2.1\nmin-rx        2000 us\n"
+					   "admin         down (AdminDown)\nsince         ") &&
+		    r.has(" (last change)\npid           " + std::to_string(pid) + ", started "))
+		<< r.out;
+
+	// Without the file of this daemon only a complete change is sent.
+	const std::string stale_object = shm_name() + "-stale";
+	const std::string stale = std::string(RUN_STATE_DIR) + "/" + stale_object + RUN_STATE_SUFFIX;
+	const testutil::undo remove_stale{[&] { unlink(stale.c_str()); }};
+	s.pid = 1;
+	ASSERT_EQ(run_state_write(stale.c_str(), s), 0);
+	auto with = [&](const std::vector<std::string> &extra) {
+		std::vector<std::string> w = here();
+		w.insert(w.end(), extra.begin(), extra.end());
+		return w;
+	};
+	r = ctl(with({"--object", stale_object}), {"--admin-up"});
+	EXPECT_TRUE(r.status == 1 && r.has("is stale: it was written by process 1, not " + std::to_string(pid)) &&
+		    r.has("give all four values")) << r.out;
+	r = ctl(with({"--nspath", "/orv-none"}), {"--show"});
+	EXPECT_TRUE(r.status == 1 && r.has("no run-state file " + std::string(RUN_STATE_DIR) + "/orvalindwarden-orv-none.state"))
+		<< r.out;
+	r = ctl(here(), {});
+	EXPECT_TRUE(r.status == 2 && r.has("nothing to change")) << r.out;
+	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << "a refused change was sent";
+	r = ctl(with({"--nspath", "/orv-none"}), {"-d", "100", "-r", "1000", "-s", e2e::DAEMON_IP, "--admin-up"});
+	ASSERT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	reply = ask({.my_disc = 555, .your_disc = 100});
+	ASSERT_TRUE(reply);
+	EXPECT_EQ(std::tuple(ntohl(reply->pkt.min_rx_interval), bfd_state_of(reply->pkt)), std::tuple(1000u, BFD_STATE_UP));
+}
+
+// The daemon ends when it cannot bind a new source's port 7784 (here held by
+// another socket, while the address itself binds, as ctl checks it): ctl
+// says so with the daemon's last error record. A daemon that lives on
+// without showing the change, and one killed by a signal, are told apart.
+TEST_F(CtlInNamespace, ReportsADaemonThatEndsOnTheChangeWithItsLastError)
+{
+	start(100, 1000);
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr add 192.0.2.3/24 dev vd0"), 0);
+	const unique_fd holder{netnsSocketAt(AF_INET, SOCK_DGRAM, 0, ns_d.c_str())};
+	const sockaddr_in held{AF_INET, htons(SBFD_PORT), {htonl(0xc0000203)}, {}};
+	ASSERT_EQ(bind(holder.get(), reinterpret_cast<const sockaddr *>(&held), sizeof held), 0);
+	result r = ctl(here(), {"-s", "192.0.2.3"});
+	EXPECT_TRUE(r.status == 1 &&
+		    r.has("the daemon (pid " + std::to_string(daemon->pid()) +
+			  ") ended after the change: ERROR: outfd init failed, terminate to retry (trace " +
+			  logs.file("orvalindwarden.bl") + ")"))
+		<< r.out;
+	EXPECT_EQ(daemon->exit_status(), 0);
+
+	start(100, 1000);
+	const pid_t pid = daemon->pid();
+	run_state before{};
+	ASSERT_EQ(run_state_read(state_path().c_str(), &before), RUN_STATE_OK);
+	const nlctl_config asked{100, 1000, e2e::DAEMON_IP_H, true};
+	const std::string bl = logs.file("orvalindwarden.bl");
+	std::string err;
+	EXPECT_EQ(nlctl_confirm(pid, state_path().c_str(), asked, &before, nlctl_realtime_ns(), bl.c_str(), ms(200), &err),
+		  NLCTL_ERR_UNCONFIRMED);
+	EXPECT_NE(err.find("still shows the configuration before it"), std::string::npos) << err;
+	ASSERT_EQ(kill(pid, SIGKILL), 0);  // left unreaped: a zombie is no daemon
+	EXPECT_EQ(nlctl_confirm(pid, state_path().c_str(), asked, &before, nlctl_realtime_ns(), bl.c_str(), ms(2000), &err),
+		  NLCTL_ERR_ENDED);
+	EXPECT_NE(err.find("ended after the change without an error record in its trace " + bl), std::string::npos) << err;
+}
+
+// A daemon that cannot write its run-state file answers all the same and
+// says why in its trace; ctl still sends complete changes to it.
+TEST_F(CtlInNamespace, DaemonWithoutItsRunStateFileAnswersAndTracesWhy)
+{
+	private_fs = "mount --make-rprivate /\nmkdir -p " + std::string(RUN_STATE_DIR) + "\nmount -t tmpfs -o ro orvrun " +
+		     RUN_STATE_DIR + "\n";
+	start(100, 1000);
+	ASSERT_TRUE(ask({.my_disc = 555, .your_disc = 100}));
+	const std::string why = "ERROR: run-state file " + state_path() + " not written, errno 30";  // EROFS
+	EXPECT_EQ(traced(why), 1u) << trace();
+	result r = ctl(here(), {"--admin-down"});
+	EXPECT_TRUE(r.status == 1 && r.has("cannot change part of the configuration: no run-state file")) << r.out;
+	r = ctl(here(), {"-d", "200", "-r", "1000", "-s", e2e::DAEMON_IP, "--admin-up"});
+	ASSERT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	ASSERT_TRUE(ask({.my_disc = 555, .your_disc = 200}));
+	EXPECT_EQ(traced(why), 2u) << trace();
+}
+
+}  // namespace
