@@ -94,7 +94,8 @@ package)
 	# Every file the package must carry, and no test or benchmark program.
 	dpkg-deb -c "$deb" | awk '{print $6}' | sed 's#^\./#/#' >"$tmp/files"
 	for f in $p/sbin/orvalindwarden $p/bin/{orvalindwarden-stat,orvalindwarden-ctl,sbfd-ping,blcat} \
-		$p/lib/systemd/system/orvalindwarden{,@}.service /etc/default/orvalindwarden \
+		$p/lib/systemd/system/orvalindwarden{,@}.service $p/lib/sysctl.d/60-orvalindwarden.conf \
+		/etc/default/orvalindwarden \
 		$p/share/man/man8/{orvalindwarden,orvalindwarden-stat,orvalindwarden-ctl,sbfd-ping}.8.gz \
 		$p/share/man/man1/blcat.1.gz $p/share/doc/orvalindwarden/{copyright,changelog.gz}; do
 		grep -qx "$f" "$tmp/files" || { cat "$tmp/files"; fail "package lacks $f"; }
@@ -194,12 +195,12 @@ dpkg-root)
 	;;
 maintscripts)
 	# The scripts against the real paths, which isolated() hides, as on a
-	# system that runs systemd; systemctl and deb-systemd-invoke are
-	# stand-ins that note what they are asked.
+	# system that runs systemd; systemctl, deb-systemd-invoke and
+	# systemd-sysctl are stand-ins that note what they are asked.
 	in_isolation
 	dpkg-deb -e "$deb" "$tmp/control"
 	mkdir -p /run/systemd/system "$tmp/fake"
-	for tool in systemctl deb-systemd-invoke; do
+	for tool in systemctl deb-systemd-invoke systemd-sysctl; do
 		printf '#!/bin/sh\necho "%s $*" >>"%s"\n' "$tool" "$tmp/calls" >"$tmp/fake/$tool"
 		chmod +x "$tmp/fake/$tool"
 	done
@@ -212,9 +213,13 @@ maintscripts)
 		[ "$(cat "$tmp/calls")" = "$want" ] || fail "$1 ${*:2:$#-2} called \"$(cat "$tmp/calls")\", not \"$want\""
 	}
 	reload="systemctl --system daemon-reload"
-	run postinst configure "" "$reload"
+	# The receive buffer ceiling applies before an upgrade restarts the daemon.
+	sysctl="systemd-sysctl 60-orvalindwarden.conf"
+	run postinst configure "" "$reload
+$sysctl"
 	[ -z "$(ls -A /etc/systemd/system)" ] || fail "postinst made $(ls -A /etc/systemd/system)"
 	run postinst configure 0.9.0 "$reload
+$sysctl
 deb-systemd-invoke try-restart orvalindwarden.service orvalindwarden@*.service"
 	run prerm upgrade 1.0.1 ""
 	run prerm remove "deb-systemd-invoke stop orvalindwarden.service orvalindwarden@*.service"

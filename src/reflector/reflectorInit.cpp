@@ -13,8 +13,9 @@
 //
 // The file reads as start-up runs: the context (vrf_init), its store, then
 // the sockets as init_socket opens them (transmit, the two packet sockets
-// with their filter programs, the netlink control socket) and last the
-// address watch, which init_socket opens before the control socket.
+// with their filter programs and deep receive queues, the netlink control
+// socket) and last the address watch, which init_socket opens before the
+// control socket.
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -51,6 +52,24 @@ constexpr int OUT_TTL = 255;    // the maximum, so single-hop peers can check it
 constexpr short READ_EVENT = EV_READ | EV_PERSIST;
 static_assert(READ_EVENT == 0x12);
 
+// The packet sockets' receive queue rides out a stall of the daemon (a
+// busy or stolen core, a page-fault storm, a stop for a debugger) of 50 ms
+// at 155,000 requests/s: 155,000 * 50 / 1000 = 7,750 frames. A frame costs
+// the queue its buffer's truesize, not its 66 bytes (Ethernet 14, IPv4 20,
+// UDP 8, BFD 24): on a veth (kernel 6.18) SO_MEMINFO shows 832 bytes of
+// receive memory per queued request, and a socket of N bytes holds
+// ceil(N / 832) of them (212,992 bytes, the default: 256 frames). Frames
+// from a NIC whose driver gives each one a larger buffer cost more, and
+// fewer fit. The kernel doubles the value set (half for its own
+// bookkeeping) and reports the doubled value, so the value set is half the
+// queue's bytes. SO_RCVBUF caps that value at net.core.rmem_max: when
+// changing RX_RCVBUF_SET, update packaging/60-orvalindwarden.conf.
+constexpr int RX_STALL_FRAMES = 155000 * 50 / 1000;                  // 7,750 frames
+constexpr int RX_FRAME_TRUESIZE = 832;                               // bytes of receive memory per request
+constexpr int RX_QUEUE_BYTES = RX_STALL_FRAMES * RX_FRAME_TRUESIZE;  // 6,448,000 bytes
+constexpr int RX_RCVBUF_SET = RX_QUEUE_BYTES / 2;                    // 3,224,000 bytes, as setsockopt takes it
+static_assert(RX_RCVBUF_SET == 3224000, "packaging/60-orvalindwarden.conf sets net.core.rmem_max to it");
+
 // EtherTypes as packet-socket protocols, network byte order.
 constexpr std::uint16_t ETH_P_IPV4_BE = __builtin_bswap16(ETH_TYPE_IPV4);
 constexpr std::uint16_t ETH_P_MPLS_BE = __builtin_bswap16(ETH_TYPE_MPLS);
@@ -63,6 +82,7 @@ reflector_vrf *vrf_teardown(reflector_vrf *vrf);
 int open_ipv4_socket(reflector_vrf *vrf);
 int open_mpls_socket(reflector_vrf *vrf);
 int attach_filter(int fd, const sock_filter *prog, std::size_t len);
+void deepen_rx_queue(int fd);
 int open_control_socket(reflector_vrf *vrf);
 
 }  // namespace
@@ -386,7 +406,18 @@ int attach_filter(int fd, const sock_filter *prog, std::size_t len)
 	return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &fprog, sizeof fprog);
 }
 
-// IPv4 frames: packet socket, filter, read event.
+// Gives a packet socket the receive queue of RX_QUEUE_BYTES: SO_RCVBUFFORCE
+// where we have CAP_NET_ADMIN, else SO_RCVBUF, which the kernel caps at
+// net.core.rmem_max. Either may fail without harm: the socket keeps what it
+// got and the daemon answers all the same, so nothing is traced.
+void deepen_rx_queue(int fd)
+{
+	const int bytes = RX_RCVBUF_SET;
+	if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0)
+		setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+}
+
+// IPv4 frames: packet socket, filter, receive queue, read event.
 int open_ipv4_socket(reflector_vrf *vrf)
 {
 	vrf->infd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_IPV4_BE, vrf->name);
@@ -400,6 +431,7 @@ int open_ipv4_socket(reflector_vrf *vrf)
 		TRACE(TRACE_ERROR, "ERROR: Failed to add UDP socket filter: %d\n", (std::int32_t)errno);
 		return INIT_ERR_SOCKET;
 	}
+	deepen_rx_queue(vrf->infd);
 	vrf->event = event_new(vrf->base, vrf->infd, READ_EVENT, rx_data_ready, vrf);
 	ENSURE(vrf->event);
 	const int rc = event_add(vrf->event, nullptr);
@@ -411,7 +443,7 @@ int open_ipv4_socket(reflector_vrf *vrf)
 	return INIT_OK;
 }
 
-// MPLS frames: packet socket, filter, read event.
+// MPLS frames: packet socket, filter, receive queue, read event.
 int open_mpls_socket(reflector_vrf *vrf)
 {
 	vrf->mplsfd = netnsSocketAt(AF_PACKET, SOCK_RAW, ETH_P_MPLS_BE, vrf->name);
@@ -426,6 +458,7 @@ int open_mpls_socket(reflector_vrf *vrf)
 		      (std::int32_t)errno);
 		return INIT_ERR_SOCKET;
 	}
+	deepen_rx_queue(vrf->mplsfd);
 	vrf->eventMpls = event_new(vrf->base, vrf->mplsfd, READ_EVENT, rx_data_ready, vrf);
 	ENSURE(vrf->eventMpls);
 	const int rc = event_add(vrf->eventMpls, nullptr);

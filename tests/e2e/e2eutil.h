@@ -59,7 +59,9 @@ protected:
 	// netlink port (protocol 2, port = pid), the last socket it opens, gets bound.
 	bool spawn(const std::vector<std::string> &args)
 	{
-		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d, bin("orvalindwarden")};
+		std::vector<std::string> argv = {"ip", "netns", "exec", ns_d};
+		argv.insert(argv.end(), wrapper.begin(), wrapper.end());
+		argv.push_back(bin("orvalindwarden"));
 		if (!private_fs.empty())  // the same pid: unshare, sh and ip exec in turn
 			argv.insert(argv.begin(), {"unshare", "-m", "sh", "-ec", private_fs + "\nexec \"$@\"", "sh"});
 		argv.insert(argv.end(), args.begin(), args.end());
@@ -159,6 +161,10 @@ protected:
 	// Shell commands run in a mount namespace of the daemon's own before it
 	// starts (empty: none), to give it file systems of a chosen size or owner.
 	std::string private_fs;
+	// A command that execs the daemon (the same pid), put between `ip netns
+	// exec` and it (empty: none); e.g. setpriv, to start it with fewer
+	// capabilities.
+	std::vector<std::string> wrapper;
 	unique_fd udp, raw;
 	static constexpr std::uint16_t port = 40000;  // the initiator's UDP port; the namespace is ours alone
 };

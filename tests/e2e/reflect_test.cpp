@@ -1,8 +1,15 @@
 // reflect_test.cpp -- the reflector answering requests from another network
 // namespace, plain and under MPLS label 0, as the initiator captures the
 // replies (addresses, ports, TOS, TTL, fields); frames the attached kernel
-// filters must drop; and the shared store agreeing with that.
+// filters must drop; the shared store agreeing with that; and the receive
+// queue that carries the daemon through a stall.
 #include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include <gmock/gmock.h>
 
 #include "e2e/e2eutil.h"
 
@@ -64,6 +71,72 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredAndFilteredFramesN
 	const reflector_shm shm = store();
 	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.rx_drops, shm.unsupported), std::tuple(3u, 0u, 0u));
 	EXPECT_EQ(daemon->out() + daemon->err(), "") << "nothing is printed once the command line is accepted";
+}
+
+// The receive buffers of the daemon's packet sockets as the kernel granted
+// them (SO_RCVBUF), read on copies of its descriptors.
+std::vector<int> packet_socket_rcvbufs(pid_t pid)
+{
+	std::vector<int> sizes;
+	const unique_fd pidfd{static_cast<int>(syscall(SYS_pidfd_open, pid, 0))};
+	EXPECT_GE(pidfd.get(), 0) << std::strerror(errno);
+	for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+		const int target = std::atoi(entry.path().filename().c_str());
+		const unique_fd fd{static_cast<int>(syscall(SYS_pidfd_getfd, pidfd.get(), target, 0))};
+		int domain = 0, size = 0;
+		socklen_t len = sizeof domain;
+		if (fd.get() < 0 || getsockopt(fd.get(), SOL_SOCKET, SO_DOMAIN, &domain, &len) != 0 || domain != AF_PACKET)
+			continue;
+		len = sizeof size;
+		EXPECT_EQ(getsockopt(fd.get(), SOL_SOCKET, SO_RCVBUF, &size, &len), 0);
+		sizes.push_back(size);
+	}
+	return sizes;
+}
+
+// A stall of 50 ms at 155,000 requests/s is 7,750 requests: the daemon,
+// stopped, finds every one of them queued when it goes on (the old default
+// buffer held 256). Both packet sockets, IPv4 and MPLS, got the same buffer.
+TEST_F(ReflectInNamespace, StoppedDaemonAnswersFiftyMillisecondsOfRequestsAt155000PerSecond)
+{
+	constexpr std::uint64_t STALL_REQUESTS = 155000 * 50 / 1000;
+	start(DISC, MIN_RX);
+	expect_reply(ask(request(1001)), 1001, port);  // the neighbour known: no request waits for it
+	const std::vector<int> sizes = packet_socket_rcvbufs(daemon->pid());
+	ASSERT_EQ(sizes.size(), 2u);
+	EXPECT_EQ(sizes[0], sizes[1]);
+
+	ASSERT_EQ(kill(daemon->pid(), SIGSTOP), 0);
+	std::uint8_t b[BFD_PKT_LEN];
+	probe_encode_request(request(1001), b);
+	for (std::uint64_t i = 0; i < STALL_REQUESTS; i++)
+		ASSERT_EQ(send(udp.get(), b, sizeof b, 0), static_cast<ssize_t>(sizeof b)) << "request " << i;
+	ASSERT_EQ(kill(daemon->pid(), SIGCONT), 0);
+	EXPECT_TRUE(testutil::wait_until([&] { return store().rx_valid_pkts == 1 + STALL_REQUESTS; }, std::chrono::seconds(10)))
+		<< "answered " << store().rx_valid_pkts - 1 << " of " << STALL_REQUESTS << " requests sent while stopped";
+}
+
+// Without CAP_NET_ADMIN the daemon asks SO_RCVBUF for what
+// packaging/60-orvalindwarden.conf lets it have and gets what
+// net.core.rmem_max allows (the kernel doubles it); it starts and answers
+// all the same.
+TEST_F(ReflectInNamespace, WithoutNetAdminTheQueueIsWhatNetCoreRmemMaxAllows)
+{
+	std::ifstream conf(std::string(ORV_SOURCE_DIR) + "/packaging/60-orvalindwarden.conf");
+	long ceiling = 0;
+	for (std::string line; std::getline(conf, line);)
+		if (line.rfind("net.core.rmem_max = ", 0) == 0)
+			ceiling = std::stol(line.substr(line.find('=') + 1));
+	ASSERT_GT(ceiling, 0) << "no net.core.rmem_max in the package's sysctl file";
+	const long rmem_max = std::stol(testutil::output_of("ip netns exec " + ns_d + " cat /proc/sys/net/core/rmem_max"));
+
+	wrapper = {"setpriv", "--bounding-set=-all,+net_raw", "--"};
+	start(DISC, MIN_RX);
+	expect_reply(ask(request(1001)), 1001, port);
+	EXPECT_EQ(packet_socket_rcvbufs(daemon->pid()), std::vector<int>(2, static_cast<int>(2 * std::min(ceiling, rmem_max))));
+	EXPECT_THAT(testutil::read_file("/proc/" + std::to_string(daemon->pid()) + "/status"),
+		    testing::HasSubstr("CapEff:\t0000000000002000\n"))
+		<< "the daemon had more than CAP_NET_RAW";
 }
 
 }  // namespace
