@@ -280,14 +280,21 @@ bytes nl_msg(std::uint16_t type, std::uint16_t flags, const bytes &payload, std:
 	return m;
 }
 
-// A setting from 127.0.0.1: 13 payload bytes, padded to 16.
-bytes set_msg(std::uint32_t disc, std::uint8_t admin, std::uint32_t len = 0, std::size_t size = 0,
-	      std::uint16_t flags = NLM_F_REQUEST)
+// orvalindwarden-ctl's message setting `disc`, min_rx disc * 1000, source
+// 127.0.0.1 and `admin`; its length field says `len` (0: as encoded), cut
+// or zero-padded to `size` bytes (0: as encoded), without NLM_F_REQUEST
+// unless `request`.
+bytes set_msg(std::uint32_t disc, bool admin, std::uint32_t len = 0, std::size_t size = 0, bool request = true)
 {
-	const reflector_nl_config c{disc, disc * 1000, INADDR_LOOPBACK, admin};
-	bytes p(16, 0);
-	std::memcpy(p.data(), &c, 13);
-	return nl_msg(REFLECTOR_NL_SET, flags, p, len, size);
+	const auto m = nlctl_encode({.disc = disc, .min_rx = disc * 1000, .src_ip = INADDR_LOOPBACK, .admin_down = admin}, 0);
+	bytes b(m.begin(), m.end());
+	if (len)
+		store_host<std::uint32_t>(&b[0], len);
+	if (!request)
+		store_host<std::uint16_t>(&b[6], 0);
+	if (size)
+		b.resize(size);
+	return b;
 }
 
 bytes operator+(bytes a, const bytes &b)
@@ -299,9 +306,15 @@ bytes operator+(bytes a, const bytes &b)
 }  // namespace
 
 // Each case leaves discriminator `disc` (OLD: nothing applied), min_rx
-// disc * 1000, adminDown `admin` and source address `src`.
-TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
+// disc * 1000, adminDown `admin` and source address `src`, and traces the
+// last setting applied at level 3.
+TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrderAndTracesThem)
 {
+	static bool feeding = false;  // the handler exits (status 0) when it cannot bind a source: fail then
+	std::atexit([] {
+		if (feeding)
+			std::fputs("the netlink handler ended the process\n", stderr), std::_Exit(1);
+	});
 	constexpr std::uint32_t OLD = OUR_DISC;
 	const struct {
 		const char *name;
@@ -310,14 +323,14 @@ TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
 		bool unknown = false;  // traces an unknown-type message
 		std::uint32_t src = htonl(INADDR_LOOPBACK);
 	} cases[] = {
-		{"no request flag", set_msg(7, 1, 0, 0, 0), OLD, 0},
-		{"two messages: the second stands", set_msg(7, 1) + set_msg(8, 2), 8, 2},
-		{"unknown type, then a setting", nl_msg(17, NLM_F_REQUEST, {5, 0, 0, 0}) + set_msg(9, 1), 9, 1, true},
-		{"15 bytes", set_msg(7, 1, 32, 15), OLD, 0},
-		{"first length 8", set_msg(7, 1, 8), OLD, 0},
-		{"length 29, next at 32", set_msg(7, 1, 29, 32) + set_msg(8, 0), 8, 0},
-		{"rounded length past the end is applied, walk ends", set_msg(7, 1, 30, 30), 7, 1},
-		{"malformed second header keeps the first", set_msg(7, 1) + set_msg(8, 0, 4), 7, 1},
+		{"no request flag", set_msg(7, true, 0, 0, false), OLD, 0},
+		{"two messages: the second stands", set_msg(7, false) + set_msg(8, true), 8, 1},
+		{"unknown type, then a setting", nl_msg(17, NLM_F_REQUEST, {5, 0, 0, 0}) + set_msg(9, true), 9, 1, true},
+		{"15 bytes", set_msg(7, true, 32, 15), OLD, 0},
+		{"first length 8", set_msg(7, true, 8), OLD, 0},
+		{"length 29, next at 32", set_msg(7, true, 29, 32) + set_msg(8, false), 8, 0},
+		{"rounded length past the end is applied, walk ends", set_msg(7, true, 30, 30), 7, 1},
+		{"malformed second header keeps the first", set_msg(7, true) + set_msg(8, false, 4), 7, 1},
 		// A skipped message, then a bare header in the last 16 bytes of a
 		// full buffer: its payload lies beyond the buffer and reads as zero.
 		{"bare header at the end of a full buffer",
@@ -329,33 +342,17 @@ TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrder)
 		harness h;
 		const int outfd = h.vrf->outfd;
 		tr.take();
+		feeding = true;
 		h.feed(c.datagram, rx_netlink_ready);
+		feeding = false;
 		EXPECT_EQ(std::tuple(ntohl(reflector_cfg.discriminator), reflector_cfg.minRx, reflector_cfg.adminDown, reflector_cfg.sourceIp),
 			  std::tuple(c.disc, c.disc == OLD ? OUR_MIN_RX : c.disc * 1000, c.admin, c.src));
 		EXPECT_EQ(h.vrf->outfd, outfd) << "no new address to bind: the same transmit socket stays";
 		EXPECT_EQ(tr.take(TRACE_ERROR), std::vector<std::string>(c.unknown, "ERROR-Netlink: Unknown message type 17, data 5"));
+		EXPECT_THAT(tr.take(TRACE_RX), Contains("RX-Netlink: set disc " + std::to_string(c.disc) + " min_rx " +
+							std::to_string(c.disc * 1000) + " src_ip " + ipv4_dotted(c.src).text +
+							" adminDown " + std::to_string(c.admin)).Times(c.disc == OLD ? 0 : 1));
 	}
-}
-
-// orvalindwarden-ctl's message, as its encoder makes it, applied by the
-// daemon's handler and traced at level 3 as what was set.
-TEST(NetlinkChannel, CtlMessageIsAppliedAndTracedAsSet)
-{
-	static bool feeding = false;  // the handler exits (status 0) when it cannot bind a source: fail then
-	std::atexit([] {
-		if (feeding)
-			std::fputs("the netlink handler ended the process\n", stderr), std::_Exit(1);
-	});
-	auto &tr = trace_reader::get();
-	harness h;
-	const auto msg = nlctl_encode({.disc = 4242, .min_rx = 123456, .src_ip = INADDR_LOOPBACK, .admin_down = true}, 7);
-	tr.take();
-	feeding = true;
-	h.feed(bytes(msg.begin(), msg.end()), rx_netlink_ready);
-	feeding = false;
-	EXPECT_EQ(std::tuple(ntohl(reflector_cfg.discriminator), reflector_cfg.minRx, reflector_cfg.sourceIp, reflector_cfg.adminDown),
-		  std::tuple(4242u, 123456u, ip("127.0.0.1"), 1));
-	EXPECT_THAT(tr.take(TRACE_RX), Contains("RX-Netlink: set disc 4242 min_rx 123456 src_ip 127.0.0.1 adminDown 1"));
 }
 
 namespace {
