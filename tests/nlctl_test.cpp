@@ -1,8 +1,8 @@
 // nlctl_test.cpp -- the control agent's library: argument validation, the
-// pid file's forms, and the running configuration a partial change is
-// completed from. The message bytes, the "nobody there" errors, pid files
-// that are no regular files and the check of an applied change are met end
-// to end (tools_test, ctl_test, fault_test).
+// pid file's forms, and a partial change completed from the running values.
+// The message bytes, the "nobody there" errors, pid files that are no
+// regular files, the run-state file and the check of an applied change are
+// met end to end (tools_test, ctl_test, fault_test).
 #include "nlctl.h"
 
 #include <arpa/inet.h>
@@ -70,41 +70,17 @@ TEST(Nlctl, PidFileHoldsADecimalPidAndAtMostANewline)
 	}
 }
 
-// The values not asked for come from the daemon's file, and only from a
-// file that daemon wrote; its file is the one of its store's name.
-TEST(Nlctl, PartialChangeIsCompletedFromTheRunningConfigurationOfThatDaemonOnly)
+// The values not asked for come from the daemon's file; a raw admin byte
+// other than 0 and 1 (a control message may set any) is AdminDown.
+TEST(Nlctl, PartialChangeKeepsTheRunningValues)
 {
 	const run_state running{4242, 100, htonl(0xc0000201), 1000, 7, 1795449471, 5, 1795449400, 0};
 	auto fields = [](const nlctl_config &c) { return std::tuple(c.disc, c.min_rx, c.src_ip, c.admin_down); };
-	EXPECT_EQ(fields(nlctl_merge({.admin_down = false}, running)), std::tuple(100u, 1000u, 0xc0000201u, false));
-	EXPECT_EQ(fields(nlctl_merge({.disc = 5, .src_ip = 0xc6336401}, running)), std::tuple(5u, 1000u, 0xc6336401u, true))
-		<< "a raw admin byte of 7 is AdminDown";
+	EXPECT_EQ(fields(nlctl_merge({.min_rx = 0}, running)), std::tuple(100u, 0u, 0xc0000201u, true));
+	EXPECT_EQ(fields(nlctl_merge({.disc = 5, .src_ip = 0xc6336401, .admin_down = false}, running)),
+		  std::tuple(5u, 1000u, 0xc6336401u, false));
 	EXPECT_FALSE(nlctl_change_complete({.disc = 5, .min_rx = 0, .src_ip = 0xc6336401}));
 	EXPECT_TRUE(nlctl_change_complete({.disc = 5, .min_rx = 0, .src_ip = 0xc6336401, .admin_down = false}));
-
-	std::string err;
-	EXPECT_EQ(nlctl_state_path(nullptr, "/run/netns/blue", &err), "/run/orvalindwarden/orvalindwarden-run-netns-blue.state");
-	EXPECT_EQ(nlctl_state_path(nullptr, nullptr, &err), "/run/orvalindwarden/orvalindwarden.state");
-	EXPECT_EQ(nlctl_state_path("/orvalindwarden-x", "/ignored", &err), "/run/orvalindwarden/orvalindwarden-x.state");
-	EXPECT_EQ(nlctl_state_path("../x", nullptr, &err), "");
-	EXPECT_NE(err.find("names no run-state file"), std::string::npos) << err;
-
-	testutil::temp_dir dir;
-	const std::string path = dir.file("orvalindwarden.state");
-	ASSERT_EQ(run_state_write(path.c_str(), running), 0);
-	run_state s{};
-	EXPECT_EQ(nlctl_read_state(path.c_str(), 4242, &s, &err), NLCTL_OK) << err;
-	EXPECT_EQ(s.min_rx, 1000u);
-	const std::pair<std::string, const char *> refused[] = {
-		{path, "is stale: it was written by process 4242, not 4243"},
-		{dir.file("none"), "no run-state file"},
-		{dir.path(), "not a regular file"},
-	};
-	for (const auto &[p, why] : refused) {
-		err.clear();
-		EXPECT_EQ(nlctl_read_state(p.c_str(), 4243, &s, &err), NLCTL_ERR_STATE) << p;
-		EXPECT_NE(err.find(why), std::string::npos) << err;
-	}
 }
 
 }  // namespace
