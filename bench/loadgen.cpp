@@ -14,8 +14,19 @@
 // from another session, or does not carry the expected reflector fields is
 // counted as wrong.
 //
+// Per session it also tracks the longest run of consecutive requests left
+// unanswered (a late reply, within the drain, counts as an answer): an
+// initiator that misses --detect-mult replies in a row takes its path down,
+// so a session with such a run saw a false path-down. With --stall-pid, the
+// generator stops that process (SIGSTOP) for --stall-ms once every
+// --stall-every seconds while it sends, the first stop half a period in (or
+// --stall-at seconds in), and lets it go on (SIGCONT) before it drains. The
+// loop that paces the requests times the stops, and ends one only after
+// sending the requests due in it.
+//
 // Output: one line of key=value pairs (times in microseconds), for bench/run.sh.
 #include <arpa/inet.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -47,6 +58,11 @@ struct loadgen_options {
 	double drain_s = 0.3;        // wait for late replies after the last request
 	bool expect_admin_down = false;
 	std::uint32_t malformed_every = 0;  // 0: none; else every Nth request is broken in one field
+	std::uint32_t detect_mult = 3;  // a run of this many unanswered requests takes a session down
+	pid_t stall_pid = 0;          // 0: no stalls; else the process stopped and continued
+	double stall_ms = 0;          // length of each stop
+	double stall_every_s = 1;     // period of the stops
+	double stall_at_s = -1;       // start of the first stop after the first request; < 0: half the period
 };
 
 std::uint64_t ns_of(const timespec &ts)
@@ -67,11 +83,16 @@ void usage(std::FILE *f)
 	std::fprintf(f,
 		     "usage: loadgen --target ADDR --source ADDR --your-disc N [--sessions N]\n"
 		     "               [--first-disc N] [--rate PER_S] [--duration S] [--drain S]\n"
-		     "               [--admin-down] [--malformed-every N]\n"
+		     "               [--admin-down] [--malformed-every N] [--detect-mult N]\n"
+		     "               [--stall-pid PID --stall-ms MS [--stall-every S] [--stall-at S]]\n"
 		     "Offers --rate requests per second for --duration seconds, spread evenly over\n"
 		     "--sessions initiators, and prints one key=value line of results. With\n"
 		     "--malformed-every N, every Nth request is broken in one field (version, D bit,\n"
-		     "Detect Mult, state or Your Discriminator, in turn) and must not be answered.\n");
+		     "Detect Mult, state or Your Discriminator, in turn) and must not be answered.\n"
+		     "sessions_down counts the sessions that saw --detect-mult (3) or more requests\n"
+		     "in a row unanswered. --stall-pid stops PID for --stall-ms every --stall-every\n"
+		     "(1) seconds while sending, first at --stall-at (half a period) seconds; each\n"
+		     "stop ends by the end of the sending time.\n");
 }
 
 bool parse(int argc, char **argv, loadgen_options *o)
@@ -120,13 +141,34 @@ bool parse(int argc, char **argv, loadgen_options *o)
 			if (!need())
 				return false;
 			o->drain_s = std::atof(v);
+		} else if (a == "--detect-mult") {
+			if (!need())
+				return false;
+			o->detect_mult = static_cast<std::uint32_t>(std::strtoul(v, nullptr, 10));
+		} else if (a == "--stall-pid") {
+			if (!need())
+				return false;
+			o->stall_pid = static_cast<pid_t>(std::strtol(v, nullptr, 10));
+		} else if (a == "--stall-ms") {
+			if (!need())
+				return false;
+			o->stall_ms = std::atof(v);
+		} else if (a == "--stall-every") {
+			if (!need())
+				return false;
+			o->stall_every_s = std::atof(v);
+		} else if (a == "--stall-at") {
+			if (!need())
+				return false;
+			o->stall_at_s = std::atof(v);
 		} else {
 			return false;
 		}
 	}
 	return o->target.s_addr != 0 && o->source.s_addr != 0 && o->your_disc != 0 &&
 	       o->sessions > 0 && o->sessions <= 65536 && o->rate > 0 && o->duration_s > 0 &&
-	       o->first_disc != 0;
+	       o->first_disc != 0 && o->detect_mult > 0 && o->stall_pid >= 0 &&
+	       (o->stall_pid == 0 || (o->stall_ms > 0 && o->stall_every_s * 1000 > o->stall_ms));
 }
 
 struct session_socket {
@@ -139,6 +181,10 @@ struct results {
 	std::uint64_t malformed = 0;  // broken requests sent (not in sent, never answered)
 	std::vector<std::uint32_t> rtt_ns;  // one per matched reply
 	double send_elapsed_s = 0;
+	std::uint32_t max_lost_run = 0;   // longest run of unanswered requests in one session
+	std::uint32_t sessions_down = 0;  // sessions with a run of detect_mult or more
+	std::uint32_t stalls = 0;         // stops of --stall-pid
+	double stall_max_ms = 0;          // longest stop, from SIGSTOP sent to SIGCONT sent
 };
 
 double percentile_us(const std::vector<std::uint32_t> &sorted, double q)
@@ -198,23 +244,49 @@ public:
 			static_cast<std::uint64_t>(std::llround(opt_.rate * opt_.duration_s));
 		const double period_ns = 1e9 / opt_.rate;
 		sent_at_.assign(total, 0);
+		fate_.assign(total, FATE_NOT_SENT);
 		res_.rtt_ns.reserve(total);
 		const std::uint64_t start = now_ns();
+		const std::uint64_t send_end = start + static_cast<std::uint64_t>(opt_.duration_s * 1e9);
+		const auto stall_ns = static_cast<std::uint64_t>(opt_.stall_ms * 1e6);
+		const auto stall_period_ns = static_cast<std::uint64_t>(opt_.stall_every_s * 1e9);
+		// The next stop's start, or UINT64_MAX when no stop is left that ends
+		// while requests are still sent.
+		std::uint64_t stop_at = opt_.stall_pid == 0 ? UINT64_MAX
+				      : opt_.stall_at_s >= 0 ? start + static_cast<std::uint64_t>(opt_.stall_at_s * 1e9)
+							     : start + stall_period_ns / 2;
+		std::uint64_t stopped_at = 0;  // while stopped: when SIGSTOP was sent
 		std::uint64_t seq = 0;
 		for (;;) {
 			const std::uint64_t now = now_ns();
+			if (stop_at != UINT64_MAX && stop_at + stall_ns > send_end)
+				stop_at = UINT64_MAX;
+			if (stopped_at == 0 && now >= stop_at) {
+				stopped_at = now_ns();
+				kill(opt_.stall_pid, SIGSTOP);
+			}
 			// Send every request whose time has come (catching up after a stall).
 			while (seq < total && start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns) <= now) {
 				send_one(seq, now);
 				seq++;
 			}
+			// Only then does a stop end: the requests due in it meet a
+			// stopped reflector also when the host held this process up.
+			if (stopped_at != 0 && now >= stop_at + stall_ns) {
+				cont_stalled(stopped_at);
+				stopped_at = 0;
+				stop_at += stall_period_ns;
+			}
 			if (seq == total)
 				break;
-			const std::uint64_t due = start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns);
+			const std::uint64_t due = std::min(start + static_cast<std::uint64_t>(static_cast<double>(seq) * period_ns),
+							   stopped_at != 0 ? stop_at + stall_ns : stop_at);
 			const std::uint64_t t = now_ns();
 			const std::uint64_t wait = due > t ? due - t : 0;
 			poll_replies(wait);
 		}
+		if (stopped_at != 0)  // a stop that ends after the last request, within the sending time
+			cont_stalled(stopped_at);
 		res_.send_elapsed_s = static_cast<double>(now_ns() - start) / 1e9;
 		const std::uint64_t drain_end = now_ns() + static_cast<std::uint64_t>(opt_.drain_s * 1e9);
 		while (res_.received < res_.sent) {
@@ -223,10 +295,41 @@ public:
 				break;
 			poll_replies(std::min<std::uint64_t>(drain_end - now, 10000000));
 		}
+		count_lost_runs();
 		return std::move(res_);
 	}
 
 private:
+	// What became of a request: never sent as a valid one (malformed, or the
+	// send failed), sent and unanswered so far, or answered.
+	enum request_fate : std::uint8_t { FATE_NOT_SENT, FATE_PENDING, FATE_ANSWERED };
+
+	void cont_stalled(std::uint64_t stopped_at)
+	{
+		kill(opt_.stall_pid, SIGCONT);
+		res_.stalls++;
+		res_.stall_max_ms = std::max(res_.stall_max_ms, static_cast<double>(now_ns() - stopped_at) / 1e6);
+	}
+
+	// Walks each session's requests in order: a run of unanswered ones is
+	// ended by an answered one; one never sent neither ends nor extends it.
+	void count_lost_runs()
+	{
+		std::vector<std::uint32_t> run(socks_.size(), 0), longest(socks_.size(), 0);
+		for (std::uint64_t seq = 0; seq < fate_.size(); seq++) {
+			const std::size_t idx = seq % socks_.size();
+			if (fate_[seq] == FATE_ANSWERED)
+				run[idx] = 0;
+			else if (fate_[seq] == FATE_PENDING)
+				longest[idx] = std::max(longest[idx], ++run[idx]);
+		}
+		for (const std::uint32_t l : longest) {
+			res_.max_lost_run = std::max(res_.max_lost_run, l);
+			if (l >= opt_.detect_mult)
+				res_.sessions_down++;
+		}
+	}
+
 	void send_one(std::uint64_t seq, std::uint64_t now)
 	{
 		session_socket &s = socks_[seq % socks_.size()];
@@ -245,10 +348,12 @@ private:
 			return;  // sent_at_ stays 0: a reply to it counts as a duplicate
 		}
 		sent_at_[seq] = now;
-		if (send(s.fd.get(), b, sizeof b, 0) == static_cast<ssize_t>(sizeof b))
+		if (send(s.fd.get(), b, sizeof b, 0) == static_cast<ssize_t>(sizeof b)) {
 			res_.sent++;
-		else
+			fate_[seq] = FATE_PENDING;
+		} else {
 			res_.send_fail++;  // not sent: neither a loss nor a reply
+		}
 	}
 
 	static void break_one_field(std::uint8_t *b, std::uint64_t n)
@@ -324,12 +429,14 @@ private:
 		const std::uint64_t rtt = now > sent_at_[seq] ? now - sent_at_[seq] : 0;
 		res_.rtt_ns.push_back(static_cast<std::uint32_t>(std::min<std::uint64_t>(rtt, UINT32_MAX)));
 		sent_at_[seq] = 0;
+		fate_[seq] = FATE_ANSWERED;
 	}
 
 	loadgen_options opt_;
 	unique_fd ep_;
 	std::vector<session_socket> socks_;
 	std::vector<std::uint64_t> sent_at_;  // CLOCK_REALTIME ns of each request; 0 once answered
+	std::vector<request_fate> fate_;      // of each request
 	results res_;
 };
 
@@ -354,12 +461,14 @@ int main(int argc, char **argv)
 	const std::uint64_t lost = r.sent - r.received;
 	const double loss_pct = r.sent ? 100.0 * static_cast<double>(lost) / static_cast<double>(r.sent) : 0;
 	std::printf("rate=%.0f offered=%.0f sent=%llu send_fail=%llu received=%llu lost=%llu loss_pct=%.4f "
-		    "wrong=%llu duplicate=%llu malformed=%llu p50_us=%.1f p90_us=%.1f p99_us=%.1f p999_us=%.1f max_us=%.1f\n",
+		    "wrong=%llu duplicate=%llu malformed=%llu p50_us=%.1f p90_us=%.1f p99_us=%.1f p999_us=%.1f max_us=%.1f "
+		    "max_lost_run=%u sessions_down=%u stalls=%u stall_max_ms=%.1f\n",
 		    opt.rate, static_cast<double>(r.sent + r.send_fail) / r.send_elapsed_s,
 		    static_cast<unsigned long long>(r.sent), static_cast<unsigned long long>(r.send_fail),
 		    static_cast<unsigned long long>(r.received), static_cast<unsigned long long>(lost), loss_pct,
 		    static_cast<unsigned long long>(r.wrong), static_cast<unsigned long long>(r.duplicate),
 		    static_cast<unsigned long long>(r.malformed), percentile_us(r.rtt_ns, 0.50), percentile_us(r.rtt_ns, 0.90), percentile_us(r.rtt_ns, 0.99),
-		    percentile_us(r.rtt_ns, 0.999), r.rtt_ns.empty() ? 0.0 : r.rtt_ns.back() / 1000.0);
+		    percentile_us(r.rtt_ns, 0.999), r.rtt_ns.empty() ? 0.0 : r.rtt_ns.back() / 1000.0, r.max_lost_run,
+		    r.sessions_down, r.stalls, r.stall_max_ms);
 	return 0;
 }

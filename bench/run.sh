@@ -13,6 +13,12 @@
 #      by other work, as the daemon meets it (bench_rx)
 #   8. time of the reflector's core per request, user and kernel, at a rate
 #      neither reflector saturates (with one CPU it includes the load generator)
+#   9. stalls: the receive buffer each reflector got and the request frames
+#      its queue holds while it is stopped; then, at 100000 requests/s, the
+#      reflector stopped (SIGSTOP, SIGCONT) for 10, 20 and 50 ms once a
+#      second, and for 50 ms at 60000 requests/s, a rate both carry: loss,
+#      and the sessions that saw 3 requests in a row unanswered (an
+#      initiator of Detect Mult 3 would take its path down)
 #
 # and prints every figure beside its target and the baseline. Every trace
 # level of the daemon is on (it always traces). Never part of the test run.
@@ -34,8 +40,10 @@
 #        | veth
 #   initiator namespace orvbench-ib-PID  vi0 192.0.2.2/24  (bench/loadgen)
 #
-# Usage: bench/run.sh [--quick]   (as root; BUILD_DIR chooses the build,
-# default build-bench/; results go to bench/results/)
+# Usage: bench/run.sh [--quick] [--stall-only]   (as root; BUILD_DIR chooses
+# the build, default build-bench/; results go to bench/results/). With
+# --stall-only, part 9 alone runs and replaces only its own block of
+# summary.txt.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 . "$top/scripts/netns-pair.sh"
@@ -43,7 +51,14 @@ build=${BUILD_DIR:-$top/build-bench}
 bin=$build/bin
 out=$top/bench/results
 quick=0
-[ "${1:-}" = "--quick" ] && quick=1
+stall_only=0
+for arg in "$@"; do
+	case $arg in
+	--quick) quick=1 ;;
+	--stall-only) stall_only=1 ;;
+	*) echo "usage: run.sh [--quick] [--stall-only]" >&2; exit 2 ;;
+	esac
+done
 
 if [ "$(id -u)" -ne 0 ]; then
 	echo "run.sh: needs root (network namespaces, packet sockets)" >&2
@@ -72,12 +87,14 @@ fi
 # in its readiness wait and takes nothing from the other.
 ns_rb=orvbench-rb-$$
 ns_ib=orvbench-ib-$$
-declare -A pid_of=([daemon]= [baseline]=) ns_i_of=([daemon]=$ns_i [baseline]=$ns_ib)
+declare -A pid_of=([daemon]= [baseline]=) ns_i_of=([daemon]=$ns_i [baseline]=$ns_ib) \
+	ns_r_of=([daemon]=$ns_r [baseline]=$ns_rb)
 
 stop_reflector() {
 	local p=${pid_of[$1]}
 	if [ -n "$p" ] && kill -0 "$p" 2>/dev/null; then
 		kill "$p" 2>/dev/null || true
+		kill -CONT "$p" 2>/dev/null || true  # a stalled one, were a load generator stopped mid-stall
 		wait "$p" 2>/dev/null || true
 	fi
 	pid_of[$1]=
@@ -216,6 +233,108 @@ core_cost() {
 # median FILE: "median range" of the numbers in FILE, one per line.
 median() { sort -g "$1" | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)], v[1] "-" v[NR] }'; }
 
+# stall_part: part 9, both reflectors running; its block of the summary
+# into $work/stall.txt, its trials into stall_trials.txt. The load
+# generator stops and continues the reflector itself, timed by its own
+# pacing loop; stall_max_ms in each trial is the longest stop as it sent
+# the signals (longer than asked when the host kept it from running). The
+# cases are MS@RATE: stops of MS ms once a second at RATE requests/s; the
+# last, at $cost_rate requests/s (which both reflectors carry), shows the
+# queue apart from the reflector's capacity.
+stall_rate=100000
+stall_cases="10@$stall_rate 20@$stall_rate 50@$stall_rate 50@$cost_rate"
+stall_target=50@$stall_rate
+stall_s=10
+[ $quick = 1 ] && stall_s=3
+stall_part() {
+	local kind c line
+	local -A rb held
+	: >"$out/stall_trials.txt"
+	for kind in baseline daemon; do
+		# The receive buffer the kernel granted (ss: rb, both packet sockets alike).
+		rb[$kind]=$(ip netns exec "${ns_r_of[$kind]}" ss -f link -m -p |
+			sed -n "s/.*pid=${pid_of[$kind]},.*skmem:(.*,rb\([0-9]*\),.*/\1/p" | head -n 1)
+		# 10000 requests in 0.1 s sent while the reflector is stopped: the
+		# replies, once it goes on, are the frames its queue held.
+		line=$(trial $kind $stall_rate 0.1 --stall-pid "${pid_of[$kind]}" --stall-ms 100 --stall-at 0 --drain 2)
+		echo "$kind held $line" >>"$out/stall_trials.txt"
+		held[$kind]=$(echo "$line" | field received)
+	done
+	for c in $stall_cases; do
+		for kind in baseline daemon; do
+			line=$(trial $kind "${c#*@}" $stall_s --stall-pid "${pid_of[$kind]}" --stall-ms "${c%@*}")
+			echo "$kind stall $c $line" >>"$out/stall_trials.txt"
+			echo "$line" >"$work/stall$c.$kind"
+		done
+	done
+	# stall_row CASE KEY LABEL [TARGET]: a row of the figure KEY of both trials of CASE.
+	stall_row() {
+		printf '%-44s %14s %14s %8s  %s\n' "$3" "$(field "$2" <"$work/stall$1.daemon")" \
+			"$(field "$2" <"$work/stall$1.baseline")" - "${4:-}"
+	}
+	# disturbed CASE: a note when the host held the load generator up in a
+	# trial of CASE (a rate below 95% of the asked, or a stop half again as
+	# long as asked): the figures then say little about the queue.
+	disturbed() {
+		local kind bad=0
+		for kind in baseline daemon; do
+			awk -v o="$(field offered <"$work/stall$1.$kind")" -v s="$(field stall_max_ms <"$work/stall$1.$kind")" \
+				-v r="${1#*@}" -v ms="${1%@*}" 'BEGIN { exit !(o < 0.95 * r || s > 1.5 * ms) }' && bad=1
+		done
+		[ $bad = 0 ] || echo "(trial disturbed by the host's load)"
+	}
+	local ok_stall note
+	ok_stall=$(awk -v d="$(field sessions_down <"$work/stall$stall_target.daemon")" 'BEGIN { print (d == 0) }')
+	{
+		echo
+		echo "orvalindwarden stall benchmark, $(date -u +%Y-%m-%dT%H:%MZ), $(nproc) CPUs, $(uname -r), $sessions sessions," \
+			"${stall_s} s per trial (one stop a second)"
+		printf '%-44s %14s %14s %8s  %s\n' figure daemon baseline ratio "target: verdict"
+		printf '%-44s %14s %14s %8s  %s\n' "receive buffer granted (ss: rb, bytes)" "${rb[daemon]}" "${rb[baseline]}" \
+			"$(ratio "${rb[daemon]}" "${rb[baseline]}")" "(daemon: 7750 frames of 832 bytes, 50 ms at 155000 req/s)"
+		printf '%-44s %14s %14s %8s  %s\n' "request frames held while stopped" "${held[daemon]}" "${held[baseline]}" \
+			"$(ratio "${held[daemon]}" "${held[baseline]}")" "(of 10000 sent during one stop; daemon >= 7750: $(verdict \
+			"$(awk -v h="${held[daemon]}" 'BEGIN { print (h >= 7750) }')"))"
+		for c in $stall_cases; do
+			note=$(disturbed "$c")
+			if [ "$c" = "$stall_target" ]; then
+				note="daemon 0 of $sessions: $(verdict "$ok_stall") (baseline, default queue: expected to fail) $note"
+			elif [ "${c#*@}" = "$cost_rate" ]; then
+				note="(a rate both reflectors carry: the queue alone) $note"
+			fi
+			stall_row "$c" sessions_down "stop ${c%@*} ms/s at ${c#*@}: sessions 3 lost" "$note"
+			stall_row "$c" loss_pct "  loss (%)"
+			stall_row "$c" max_lost_run "  longest run lost in one session"
+			stall_row "$c" stall_max_ms "  longest stop as sent (ms)"
+			stall_row "$c" offered "  offered (req/s)"
+		done
+		echo "stall trials: $out/stall_trials.txt"
+	} >"$work/stall.txt"
+}
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "n/a" }'; }
+verdict() { awk -v c="$1" 'BEGIN { print (c ? "met" : "NOT MET") }'; }
+
+if [ $stall_only = 1 ]; then
+	echo "== stalls"
+	start_reflector baseline
+	start_reflector daemon
+	trial baseline 5000 1 >/dev/null
+	trial daemon 5000 1 >/dev/null
+	stall_part
+	stop_reflector daemon
+	stop_reflector baseline
+	# Only this part's block of summary.txt is replaced (or added).
+	[ -f "$out/summary.txt" ] && sed '/^orvalindwarden stall benchmark/,$d' "$out/summary.txt" >"$work/summary.kept"
+	if [ -s "$work/summary.kept" ]; then
+		sed '${/^$/d}' "$work/summary.kept" >"$out/summary.txt"
+	else
+		: >"$out/summary.txt"
+	fi
+	tee -a "$out/summary.txt" <"$work/stall.txt"
+	exit 0
+fi
+
 echo "== both reflectors: search, sweep, p99, core time"
 start_reflector baseline
 start_reflector daemon
@@ -256,6 +375,8 @@ daemon_core_user=$(awk -v m="$daemon_core" '$1 == m { print $2; exit }' "$work/c
 rss_end=$(rss_kib "${pid_of[daemon]}")
 anon_end=$(anon_kib "${pid_of[daemon]}")
 sends_end=$(shm_u64 8)
+echo "== stalls"
+stall_part
 stop_reflector daemon
 stop_reflector baseline
 
@@ -312,8 +433,6 @@ if command -v gnuplot >/dev/null; then
 	gnuplot -e "datadir='$out'; outfile='$out/rtt_vs_rate.png'" "$top/bench/plot.gp" || true
 fi
 
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "n/a" }'; }
-verdict() { awk -v c="$1" 'BEGIN { print (c ? "met" : "NOT MET") }'; }
 ok_rate=$(awk -v d="$daemon_max" -v b="$base_max" 'BEGIN { r = b > 0 ? d / b : 0; need155 = b >= 1.2 * 155000;
 	print (r >= 0.9 && (!need155 || d >= 155000)) }')
 ok_p99=$(awk -v d="$daemon_p99" -v b="$base_p99" 'BEGIN { print (b > 0 && d <= 1.2 * b) }')
@@ -360,4 +479,5 @@ ok_rss=$(awk -v a="$anon_start" -v b="$anon_end" 'BEGIN { print (b <= a + 64) }'
 	printf '%-44s %14s %14s %8s  %s\n' "table check per lookup, L1 cold (ns)" "$check_ordered_ns / $check_shuffled_ns" "-" "-" \
 		"(bench_rx; recency list in memory order / out of it)"
 	echo "trials: $out/trials.txt; sweep: $out/sweep_*.dat; plot: $out/rtt_vs_rate.png; profile: $out/callgrind.txt"
+	cat "$work/stall.txt"
 } | tee "$out/summary.txt"
