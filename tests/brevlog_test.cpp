@@ -437,9 +437,11 @@ TEST_F(TraceFile, BlcatWorksByTheDataASparseFileHoldsNotItsClaimedRings)
 	EXPECT_EQ(blcat({path}), std::tuple(0, "", ""));
 }
 
-// The file cut under blcat -f and then written anew in place (same inode):
-// blcat says so, waits, and prints the new content from its start.
-TEST_F(TraceFile, BlcatFollowWaitsOutACutAndPrintsWhatIsWrittenInPlace)
+// The file cut under blcat -f and then written anew in place (same inode),
+// then renamed away with a new file put in its place, as the writer's
+// restart does: blcat says so each time, waits out the cut, and prints each
+// content once, from its start.
+TEST_F(TraceFile, BlcatFollowWaitsOutACutAndFollowsTheFileByName)
 {
 	const std::string path = dir->file("live.bl");
 	std::filesystem::copy_file(golden(), path, std::filesystem::copy_options::overwrite_existing);
@@ -451,11 +453,17 @@ TEST_F(TraceFile, BlcatFollowWaitsOutACutAndPrintsWhatIsWrittenInPlace)
 	ASSERT_EQ(truncate(path.c_str(), 0), 0);
 	EXPECT_TRUE(shows("blcat: " + path + ": file truncated\n", true)) << cat.err();
 	ASSERT_TRUE(cat.running()) << "blcat died of the cut";
-	const std::string wrapped = testutil::read_file(dir->file("wrapped.bl"));
 	ASSERT_EQ(testutil::run("cat " + dir->file("wrapped.bl") + " > " + path), 0);  // truncates and writes
 	EXPECT_TRUE(shows("INIT: 39 text -1\n")) << cat.out();
+	std::filesystem::rename(path, path + ".1");
+	std::filesystem::copy_file(golden(), path + ".new");
+	std::filesystem::rename(path + ".new", path);
+	EXPECT_TRUE(shows("blcat: " + path + " has been replaced; following new file\n", true)) << cat.err();
+	EXPECT_TRUE(testutil::wait_until([&] { return cat.out().find("[left  ]") != cat.out().rfind("[left  ]"); })) << cat.out();
 	EXPECT_TRUE(cat.running());
-	EXPECT_EQ(cat.out().find("INIT: 39 text -1\n"), cat.out().rfind("INIT: 39 text -1\n"));
+	const std::string out = cat.out();
+	EXPECT_EQ(out.find("INIT: 39 text -1\n"), out.rfind("INIT: 39 text -1\n")) << out;
+	EXPECT_EQ(out.find("[left  ]", out.find("[left  ]") + 1), out.rfind("[left  ]")) << "the new file printed once: " << out;
 }
 
 // The golden records, under a fixed file name and line numbers so that the
