@@ -1,11 +1,14 @@
 // blcat.cpp -- prints the records of trace files, all levels merged in time
 // order: blcat [-f] [-l LEVELS] [-s] FILE...; -f follows each FILE by name.
+// blcat --version prints the version (ORV_VERSION, a compile definition).
 //
 // Exit status: 0 success, 1 a file that cannot be read, is not a valid
 // trace file or was cut while read, 2 a usage error.
+#include <getopt.h>
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
-#include <unistd.h>
 
 #include "blreader.h"
 
@@ -19,6 +22,7 @@ int usage()
 {
 	std::fprintf(stderr,
 		     "usage: blcat [-f] [-l LEVELS] [-s] FILE...\n"
+		     "       blcat --version\n"
 		     "  -f         follow: keep printing records as they are written\n"
 		     "  -l LEVELS  only these levels, e.g. 1,3-5\n"
 		     "  -s         end with a count of skipped records on standard error\n");
@@ -29,10 +33,18 @@ int usage()
 
 int main(int argc, char **argv)
 {
+	enum { OPT_VERSION = 256 };
+	static const option longopts[] = {
+		{"version", no_argument, nullptr, OPT_VERSION},
+		{nullptr, 0, nullptr, 0},
+	};
 	blr_cat_options opt;
 	int c;
-	while ((c = getopt(argc, argv, "fl:s")) != -1) {
+	while ((c = getopt_long(argc, argv, "fl:s", longopts, nullptr)) != -1) {
 		switch (c) {
+		case OPT_VERSION:
+			std::printf("blcat %s\n", ORV_VERSION);
+			return 0;
 		case 'f':
 			opt.follow = true;
 			break;

@@ -95,6 +95,7 @@ int main(int argc, char **argv)
 		{"object", required_argument, nullptr, 'o'},
 		{"trace", required_argument, nullptr, OPT_TRACE},
 		{"help", no_argument, nullptr, 'h'},
+		{"version", no_argument, nullptr, 'V'},
 		{nullptr, 0, nullptr, 0},
 	};
 	nlctl_change change;
@@ -142,6 +143,7 @@ int main(int argc, char **argv)
 			change.admin_down = c == 'A';
 			break;
 		case 'h': usage(stdout); return 0;
+		case 'V': std::printf("orvalindwarden-ctl %s\n", ORV_VERSION); return 0;  // --version only: 'V' is no short option
 		default: return bad("unknown option");
 		}
 	}

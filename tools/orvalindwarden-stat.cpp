@@ -98,6 +98,7 @@ int main(int argc, char **argv)
 		{"netns", required_argument, nullptr, 'n'},
 		{"object", required_argument, nullptr, 'o'},
 		{"help", no_argument, nullptr, 'h'},
+		{"version", no_argument, nullptr, 'V'},
 		{nullptr, 0, nullptr, 0},
 	};
 	int c;
@@ -128,6 +129,9 @@ int main(int argc, char **argv)
 			break;
 		case 'h':
 			usage(stdout);
+			return 0;
+		case 'V':  // --version only: 'V' is no short option
+			std::printf("orvalindwarden-stat %s\n", ORV_VERSION);
 			return 0;
 		default:
 			usage(stderr);

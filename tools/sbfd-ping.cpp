@@ -1,7 +1,8 @@
 // sbfd-ping.cpp -- S-BFD initiator for operators, in the manner of ping:
 // sends control packets to a reflector's port 7784, prints each reply and a
-// summary. Exit status: 0 when a reply came, 1 when none did, 2 on a bad
-// argument or a set-up failure.
+// summary. Exit status: 0 when a reply came (with -w and -c: as many as -c
+// asks), 1 otherwise, 2 on a bad argument, a name that does not resolve or a
+// set-up failure.
 #include <arpa/inet.h>
 #include <getopt.h>
 #include <signal.h>
@@ -26,10 +27,13 @@ void usage(std::FILE *f)
 {
 	std::fputs(
 		"usage: sbfd-ping [options] --your-disc N TARGET\n"
-		"Sends S-BFD control packets to TARGET port 7784 and prints the replies.\n"
-		"  -c, --count N         stop after N probes (default: until interrupted)\n"
+		"Sends S-BFD control packets to TARGET port 7784 and prints the replies;\n"
+		"TARGET is an IPv4 address or a host name.\n"
+		"  -c, --count N         stop after N probes (default: until interrupted);\n"
+		"                        with -w, after N replies\n"
 		"  -i, --interval S      seconds between probes, fractional (default 1)\n"
 		"  -W, --timeout S       seconds to wait for each reply (default 1)\n"
+		"  -w, --deadline S      stop after S seconds, however many probes went\n"
 		"  -I, --source ADDR     source IPv4 address\n"
 		"      --your-disc N     the reflector's discriminator (required, 1..4294967295)\n"
 		"      --my-disc N       our discriminator (default: the process id)\n"
@@ -42,15 +46,19 @@ void usage(std::FILE *f)
 		"      --mpls IFACE      send raw frames under MPLS label 0 on IFACE\n"
 		"      --dst-mac MAC     next hop for --mpls (default: neighbour table)\n"
 		"  -q, --quiet           print the summary only\n"
-		"  -h, --help            this text\n",
+		"  -h, --help            this text\n"
+		"      --version         print the version and exit\n",
 		f);
 }
 
-bool parse_seconds(const char *text, double *out)
+constexpr double SECONDS_MAX = 3600;           // -i, -W
+constexpr double DEADLINE_MAX = 2147483647;     // -w: INT_MAX seconds, as ping takes
+
+bool parse_seconds(const char *text, double *out, double max = SECONDS_MAX)
 {
 	char *end = nullptr;
 	double v = std::strtod(text, &end);
-	if (end == text || *end != '\0' || !std::isfinite(v) || v < 0.001 || v > 3600)
+	if (end == text || *end != '\0' || !std::isfinite(v) || v < 0.001 || v > max)
 		return false;
 	*out = v;
 	return true;
@@ -68,10 +76,11 @@ int bad(const std::string &msg)
 int main(int argc, char **argv)
 {
 	enum { OPT_MY = 256, OPT_YOUR, OPT_STATE, OPT_MULT, OPT_MINTX, OPT_MINRX, OPT_ECHO, OPT_POLL,
-	       OPT_MPLS, OPT_MAC };
+	       OPT_MPLS, OPT_MAC, OPT_VERSION };
 	static const option longopts[] = {
 		{"count", required_argument, nullptr, 'c'},   {"interval", required_argument, nullptr, 'i'},
 		{"timeout", required_argument, nullptr, 'W'}, {"source", required_argument, nullptr, 'I'},
+		{"deadline", required_argument, nullptr, 'w'},
 		{"quiet", no_argument, nullptr, 'q'},         {"help", no_argument, nullptr, 'h'},
 		{"my-disc", required_argument, nullptr, OPT_MY},
 		{"your-disc", required_argument, nullptr, OPT_YOUR},
@@ -83,6 +92,7 @@ int main(int argc, char **argv)
 		{"poll", no_argument, nullptr, OPT_POLL},
 		{"mpls", required_argument, nullptr, OPT_MPLS},
 		{"dst-mac", required_argument, nullptr, OPT_MAC},
+		{"version", no_argument, nullptr, OPT_VERSION},
 		{nullptr, 0, nullptr, 0},
 	};
 	ping_options opt;
@@ -91,7 +101,7 @@ int main(int argc, char **argv)
 	std::string err;
 	std::uint32_t v;
 	int c;
-	while ((c = getopt_long(argc, argv, "c:i:W:I:qh", longopts, nullptr)) != -1) {
+	while ((c = getopt_long(argc, argv, "c:i:W:w:I:qh", longopts, nullptr)) != -1) {
 		switch (c) {
 		case 'c':
 			if (!arg_parse_u32(optarg, 1, 0xffffffff, &v, &err))
@@ -106,6 +116,10 @@ int main(int argc, char **argv)
 			if (!parse_seconds(optarg, &opt.timeout_s))
 				return bad(std::string("timeout: '") + optarg + "' (expected 0.001..3600 s)");
 			break;
+		case 'w':
+			if (!parse_seconds(optarg, &opt.deadline_s, DEADLINE_MAX))
+				return bad(std::string("deadline: '") + optarg + "' (expected 0.001..2147483647 s)");
+			break;
 		case 'I': {
 			in_addr a{};
 			if (inet_pton(AF_INET, optarg, &a) != 1)
@@ -115,6 +129,7 @@ int main(int argc, char **argv)
 		}
 		case 'q': opt.quiet = true; break;
 		case 'h': usage(stdout); return 0;
+		case OPT_VERSION: std::printf("sbfd-ping %s\n", ORV_VERSION); return 0;
 		case OPT_MY:
 			if (!arg_parse_u32(optarg, 1, 0xffffffff, &opt.params.my_disc, &err))
 				return bad("my-disc: " + err);
@@ -163,12 +178,15 @@ int main(int argc, char **argv)
 	}
 	if (optind + 1 != argc)
 		return bad(optind == argc ? "missing TARGET" : "only one TARGET is allowed");
-	if (inet_pton(AF_INET, argv[optind], &opt.target) != 1)
-		return bad(std::string("target: '") + argv[optind] + "' is not an IPv4 address");
 	if (!have_your)
 		return bad("missing --your-disc (the reflector's discriminator)");
 	if (opt.dst_mac && opt.mpls_iface.empty())
 		return bad("--dst-mac needs --mpls IFACE");
+	// Resolved last: a usage error is told without waiting on the resolver.
+	if (!probe_resolve(argv[optind], &opt.target, &opt.target_name, &err)) {
+		std::fprintf(stderr, "sbfd-ping: %s\n", err.c_str());
+		return 2;
+	}
 
 	struct sigaction sa {};
 	sa.sa_handler = on_stop;
@@ -181,5 +199,7 @@ int main(int argc, char **argv)
 		return 2;
 	}
 	ping_print_summary(opt, stats, stdout);
-	return stats.received > 0 ? 0 : 1;
+	// As ping: with a deadline and a count, fewer replies than the count fail.
+	const bool enough = opt.deadline_s == 0 || opt.count == 0 || stats.received >= opt.count;
+	return stats.received > 0 && enough ? 0 : 1;
 }

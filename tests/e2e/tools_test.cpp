@@ -1,8 +1,11 @@
 // tools_test.cpp -- the tools against a running reflector in a namespace:
 // orvalindwarden-ctl changes showing in the very next reply and its error
-// exits; sbfd-ping plain and labelled, and deaf to forged replies;
-// orvalindwarden-stat in three formats; blcat -f across restarts and a cut.
+// exits; sbfd-ping plain and labelled, deaf to forged replies, with a
+// deadline, a host name and ICMP errors; orvalindwarden-stat in three
+// formats; blcat -f across restarts and a cut; every tool's --version.
 #include <nlohmann/json.hpp>
+
+#include <regex>
 
 #include "e2e/e2eutil.h"
 #include "nlctl.h"
@@ -109,6 +112,48 @@ TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelledAndLoss)
 	EXPECT_TRUE(r.status == 1 && r.has("3 packets transmitted, 0 received, 100% packet loss")) << r.out;
 }
 
+// -w ends a run at its deadline however many probes went, and makes -c a
+// count of replies; a host name is resolved and shown with its address; an
+// ICMP error answers its probe, is shown and counted, and with -w ends the run.
+TEST_F(ToolsInNamespace, SbfdPingKeepsItsDeadlineTakesHostNamesAndReportsIcmpErrors)
+{
+	start(4711, 40000);  // deaf to 4712
+	auto ping = [&](std::vector<std::string> args) {
+		args.insert(args.begin(), {"ip", "netns", "exec", ns_i, bin("sbfd-ping")});
+		const auto t0 = std::chrono::steady_clock::now();
+		const result r = run(args);
+		return std::pair(r, std::chrono::steady_clock::now() - t0);
+	};
+	auto [r, took] = ping({"-w", "1", "-c", "2", "-i", "0.2", "--your-disc", "4712", e2e::DAEMON_IP});
+	std::smatch sent;
+	EXPECT_TRUE(r.status == 1 && took < std::chrono::seconds(3) &&
+		    std::regex_search(r.out, sent, std::regex("\n(\\d+) packets transmitted, 0 received, 100% packet loss")) &&
+		    std::stoul(sent[1]) > 2) << "not ended by the deadline, or stopped sending at -c: " << r.out;
+	std::tie(r, took) = ping({"-w", "5", "-c", "2", "-i", "0.1", "--your-disc", "4711", e2e::DAEMON_IP});
+	EXPECT_TRUE(r.status == 0 && took < std::chrono::seconds(3) && r.has("\n2 packets transmitted, 2 received, 0% packet loss"))
+		<< "not ended by the second reply: " << r.out;
+
+	// The name is known only to the private mount namespace's /etc/hosts.
+	std::ofstream(logs.file("hosts")) << "192.0.2.1 orv-reflector.test\n";
+	r = run({"unshare", "-m", "sh", "-ec", "mount --bind \"$0\" /etc/hosts; exec \"$@\"", logs.file("hosts"), "ip", "netns",
+		 "exec", ns_i, bin("sbfd-ping"), "-c", "1", "--your-disc", "4711", "orv-reflector.test"});
+	EXPECT_TRUE(r.status == 0 && r.has("SBFD-PING orv-reflector.test (192.0.2.1):7784 from 192.0.2.2:") &&
+		    r.has("\n24 bytes from 192.0.2.1:7784: seq=1 state=Up") &&
+		    r.has("\n--- orv-reflector.test sbfd-ping statistics ---\n1 packets transmitted, 1 received")) << r.out;
+
+	// Nothing listens on 192.0.2.3:7784: its kernel answers port unreachable
+	// (unlimited in rate, so that every probe gets one).
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr add 192.0.2.3/24 dev vd0 && ip netns exec " + ns_d +
+				" sysctl -qw net.ipv4.icmp_ratelimit=0"), 0);
+	std::tie(r, took) = ping({"-c", "3", "-i", "0.2", "--your-disc", "4712", "192.0.2.3"});
+	EXPECT_TRUE(r.status == 1 && r.has("\nFrom 192.0.2.3 seq=1 Destination Port Unreachable\nFrom 192.0.2.3 seq=2 ") &&
+		    r.has("\nFrom 192.0.2.3 seq=3 Destination Port Unreachable\n") &&
+		    r.has("\n3 packets transmitted, 0 received, +3 errors, 100% packet loss")) << r.out;
+	std::tie(r, took) = ping({"-w", "5", "-i", "0.2", "--your-disc", "4712", "192.0.2.3"});
+	EXPECT_TRUE(r.status == 1 && took < std::chrono::seconds(3) &&
+		    r.has("\n1 packets transmitted, 0 received, +1 errors, 100% packet loss")) << r.out;
+}
+
 // Replies from another port of the target or from another address count for
 // nothing, plain and labelled: each is shown and counted as from a wrong source.
 TEST_F(ToolsInNamespace, SbfdPingCountsForgedRepliesApart)
@@ -203,6 +248,15 @@ TEST_F(ToolsInNamespace, BlcatFollowsTheTraceAcrossACutAndRestarts)
 		EXPECT_TRUE(first != std::string::npos && out.find(started + disc, first + 1) == std::string::npos) << out;
 	}
 	EXPECT_TRUE(err.find(replaced) != std::string::npos && err.find(replaced) != err.rfind(replaced)) << err;
+}
+
+// Each tool prints its name and the project's version, and nothing else.
+TEST(Tools, PrintTheirNameAndTheProjectVersion)
+{
+	for (const std::string tool : {"blcat", "sbfd-ping", "orvalindwarden-ctl", "orvalindwarden-stat"}) {
+		const result r = run({bin(tool), "--version"});
+		EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, tool + " " ORV_VERSION "\n"));
+	}
 }
 
 }  // namespace

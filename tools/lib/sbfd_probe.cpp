@@ -2,14 +2,17 @@
 // parser, and the probe loop of sbfd-ping.
 //
 // The probe loop owns one UDP socket (bound to an ephemeral port, where the
-// replies come back) and, for labelled probes, one packet socket bound to the
-// chosen interface. Time is taken from CLOCK_MONOTONIC only.
+// replies come back, with IP_RECVERR: the ICMP errors about our probes come
+// back on its error queue) and, for labelled probes, one packet socket bound
+// to the chosen interface. Time is taken from CLOCK_MONOTONIC only.
 #include "sbfd_probe.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <linux/errqueue.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -21,6 +24,7 @@
 #include <cstring>
 #include <deque>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 #include "unique_fd.h"
@@ -221,7 +225,88 @@ bool probe_parse_mac(const char *text, std::uint8_t mac[ETH_ADDR_LEN])
 
 // ---- the probe loop ----
 
+bool probe_resolve(const char *text, in_addr *addr, std::string *name, std::string *err)
+{
+	if (inet_pton(AF_INET, text, addr) == 1) {
+		name->clear();
+		return true;
+	}
+	addrinfo hints{};
+	hints.ai_family = AF_INET;
+	hints.ai_socktype = SOCK_DGRAM;
+	addrinfo *res = nullptr;
+	if (int rc = getaddrinfo(text, nullptr, &hints, &res); rc != 0) {
+		*err = std::string(text) + ": " + (rc == EAI_SYSTEM ? std::strerror(errno) : gai_strerror(rc));
+		return false;
+	}
+	sockaddr_in sin;
+	std::memcpy(&sin, res->ai_addr, sizeof sin);  // AF_INET asked: ai_addr is a sockaddr_in
+	freeaddrinfo(res);
+	*addr = sin.sin_addr;
+	*name = text;
+	return true;
+}
+
+std::string probe_icmp_text(std::uint8_t type, std::uint8_t code, std::uint32_t info)
+{
+	// ICMP types and codes of RFC 792 and RFC 1812 section 5.2.7.1.
+	constexpr std::uint8_t ICMP_TYPE_DEST_UNREACH = 3, ICMP_TYPE_TIME_EXCEEDED = 11, ICMP_TYPE_PARAM_PROBLEM = 12;
+	constexpr std::uint8_t ICMP_CODE_FRAG_NEEDED = 4;
+	static const char *const unreachable[] = {
+		"Destination Net Unreachable",       "Destination Host Unreachable",
+		"Destination Protocol Unreachable",  "Destination Port Unreachable",
+		nullptr /* fragmentation needed: with the MTU, below */,
+		"Source Route Failed",               "Destination Net Unknown",
+		"Destination Host Unknown",          "Source Host Isolated",
+		"Destination Net Prohibited",        "Destination Host Prohibited",
+		"Destination Net Unreachable for Type of Service",
+		"Destination Host Unreachable for Type of Service",
+		"Packet filtered",                   "Precedence Violation",
+		"Precedence Cutoff",
+	};
+	static_assert(std::size(unreachable) == 16);  // codes 0..15
+	char buf[80];
+	switch (type) {
+	case ICMP_TYPE_DEST_UNREACH:
+		if (code == ICMP_CODE_FRAG_NEEDED) {
+			std::snprintf(buf, sizeof buf, "Frag needed and DF set (mtu = %u)", info);
+			return buf;
+		}
+		if (code < std::size(unreachable))
+			return unreachable[code];
+		std::snprintf(buf, sizeof buf, "Dest Unreachable, Bad Code: %u", code);
+		return buf;
+	case ICMP_TYPE_TIME_EXCEEDED:
+		if (code == 0)
+			return "Time to live exceeded";
+		if (code == 1)
+			return "Frag reassembly time exceeded";
+		std::snprintf(buf, sizeof buf, "Time exceeded, Bad Code: %u", code);
+		return buf;
+	case ICMP_TYPE_PARAM_PROBLEM:
+		std::snprintf(buf, sizeof buf, "Parameter problem: pointer = %u", info);
+		return buf;
+	default:
+		std::snprintf(buf, sizeof buf, "Bad ICMP type: %u", type);
+		return buf;
+	}
+}
+
 namespace {
+
+constexpr int ERRQUEUE_READS_MAX = 64;  // errors read per call; the rest wait for the next
+
+// Empties the error queue of `fd` unread (the errors of a probe no one waits
+// for) and clears a pending socket error.
+void discard_errors(int fd)
+{
+	std::uint8_t junk[64];
+	for (int i = 0; i < ERRQUEUE_READS_MAX && recv(fd, junk, sizeof junk, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0; i++) {
+	}
+	int e;
+	socklen_t len = sizeof e;
+	getsockopt(fd, SOL_SOCKET, SO_ERROR, &e, &len);
+}
 
 // Address the kernel would use as source towards `target` (route lookup by connect).
 bool route_source(in_addr target, in_addr *src, std::string *err)
@@ -298,6 +383,7 @@ struct prober {
 	int setup(std::string *err);
 	bool send_one(std::string *err);
 	void receive(std::deque<std::pair<std::uint32_t, double>> *waiting);
+	int receive_errors(std::deque<std::pair<std::uint32_t, double>> *waiting);
 };
 
 int prober::setup(std::string *err)
@@ -313,6 +399,13 @@ int prober::setup(std::string *err)
 	udp = unique_fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
 	if (udp.get() < 0) {
 		*err = errno_text("socket", errno);
+		return PING_ERR_SETUP;
+	}
+	// Without IP_RECVERR an unconnected UDP socket hears no ICMP error, and
+	// a closed port would look like loss on the path.
+	const int on = 1;
+	if (setsockopt(udp.get(), IPPROTO_IP, IP_RECVERR, &on, sizeof on) != 0) {
+		*err = errno_text("setsockopt(IP_RECVERR)", errno);
 		return PING_ERR_SETUP;
 	}
 	local.sin_family = AF_INET;
@@ -366,9 +459,10 @@ int prober::setup(std::string *err)
 				       " (give --dst-mac)";
 				return PING_ERR_SETUP;
 			}
-			// Drop the priming probe's reply, if it came, so it is not matched.
+			// Drop the priming probe's reply or error, if it came, so it is not matched.
 			pollfd p{udp.get(), POLLIN, 0};
 			if (poll(&p, 1, static_cast<int>(opt.timeout_s * 1000)) == 1) {
+				discard_errors(udp.get());
 				std::uint8_t junk[64];
 				recv(udp.get(), junk, sizeof junk, MSG_DONTWAIT);
 			}
@@ -464,6 +558,63 @@ void prober::receive(std::deque<std::pair<std::uint32_t, double>> *waiting)
 		std::fprintf(out, "%s\n", probe_format_reply(pkt, len, from, seq, rtt).c_str());
 }
 
+// Reads the error queue: each ICMP error about a datagram to the target's
+// port 7784 answers the oldest probe waiting, as a reply would, and is
+// printed and counted. Returns the number of such errors read.
+int prober::receive_errors(std::deque<std::pair<std::uint32_t, double>> *waiting)
+{
+	int found = 0;
+	for (int i = 0; i < ERRQUEUE_READS_MAX; i++) {
+		std::uint8_t data[64];  // the start of the probe the error quotes; unused
+		alignas(cmsghdr) std::uint8_t control[256];
+		sockaddr_in dst{};  // where the datagram the error is about went
+		iovec iov{data, sizeof data};
+		msghdr m{};
+		m.msg_name = &dst;
+		m.msg_namelen = sizeof dst;
+		m.msg_iov = &iov;
+		m.msg_iovlen = 1;
+		m.msg_control = control;
+		m.msg_controllen = sizeof control;
+		if (recvmsg(udp.get(), &m, MSG_ERRQUEUE | MSG_DONTWAIT) < 0)
+			break;
+		sock_extended_err ee{};
+		sockaddr_in offender{};  // who sent the ICMP error
+		bool have = false;
+		for (cmsghdr *c = CMSG_FIRSTHDR(&m); c != nullptr; c = CMSG_NXTHDR(&m, c)) {
+			if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_RECVERR ||
+			    c->cmsg_len < CMSG_LEN(sizeof ee + sizeof offender))
+				continue;
+			std::memcpy(&ee, CMSG_DATA(c), sizeof ee);
+			std::memcpy(&offender, CMSG_DATA(c) + sizeof ee, sizeof offender);  // SO_EE_OFFENDER
+			have = true;
+		}
+		// Local errors (a send refused) were reported by the send itself.
+		if (!have || ee.ee_origin != SO_EE_ORIGIN_ICMP || dst.sin_addr.s_addr != opt.target.s_addr ||
+		    dst.sin_port != htons(SBFD_PORT))
+			continue;
+		found++;
+		st->errors++;
+		const in_addr from = offender.sin_family == AF_INET ? offender.sin_addr : opt.target;
+		const std::string what = probe_icmp_text(ee.ee_type, ee.ee_code, ee.ee_info);
+		if (waiting->empty()) {
+			if (!opt.quiet)
+				std::fprintf(out, "From %s %s (late)\n", ipv4_dotted(from.s_addr).text, what.c_str());
+			continue;
+		}
+		const std::uint32_t seq = waiting->front().first;
+		waiting->pop_front();
+		if (!opt.quiet)
+			std::fprintf(out, "From %s seq=%u %s\n", ipv4_dotted(from.s_addr).text, seq, what.c_str());
+	}
+	// An error that found the queue full is left pending alone; clear it, or
+	// poll would go on reporting it and the next send would fail on it.
+	int e;
+	socklen_t len = sizeof e;
+	getsockopt(udp.get(), SOL_SOCKET, SO_ERROR, &e, &len);
+	return found;
+}
+
 }  // namespace
 
 int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::string *err,
@@ -474,27 +625,49 @@ int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::st
 	if (int rc = p.setup(err); rc != PING_OK)
 		return rc;
 
+	// A name is shown with its address, as ping shows it: "host (192.0.2.1)".
+	const std::string target_text = opt.target_name.empty()
+						? ipv4_dotted(opt.target.s_addr).text
+						: opt.target_name + " (" + ipv4_dotted(opt.target.s_addr).text + ")";
 	std::fprintf(out, "SBFD-PING %s:%u from %s:%u%s%s: my_disc=%u your_disc=%u state=%s\n",
-		     ipv4_dotted(opt.target.s_addr).text, SBFD_PORT, ipv4_dotted(p.local.sin_addr.s_addr).text,
+		     target_text.c_str(), SBFD_PORT, ipv4_dotted(p.local.sin_addr.s_addr).text,
 		     ntohs(p.local.sin_port), opt.mpls_iface.empty() ? "" : " label 0 via ",
 		     opt.mpls_iface.c_str(), opt.params.my_disc, opt.params.your_disc,
 		     bfd_state_name(opt.params.state));
 	std::fflush(out);
 
-	// One pass per event: expire old probes, send when due, wait for a reply
-	// or the next deadline.
+	// One pass per event: expire old probes, send when due, wait for a reply,
+	// an error or the next deadline. With a deadline (ping's -w) the count is
+	// of replies: probes go on until that many came, the deadline passed or
+	// an ICMP error came; without one, the count is of probes, and the run
+	// ends when the last has been answered or written off.
 	std::deque<std::pair<std::uint32_t, double>> waiting;  // (seq, send time), oldest first
 	const double start = mono_ms();
 	const double interval_ms = opt.interval_s * 1e3, timeout_ms = opt.timeout_s * 1e3;
+	const bool has_deadline = opt.deadline_s > 0;
+	const double end = has_deadline ? start + opt.deadline_s * 1e3 : HUGE_VAL;
+	auto deadline_done = [&] {
+		return has_deadline && (stats->errors > 0 || (opt.count != 0 && stats->received >= opt.count));
+	};
 	double next_send = start;
-	while (!(stop && *stop)) {
+	while (!(stop && *stop) && !deadline_done()) {
 		double now = mono_ms();
+		if (now >= end)
+			break;
 		while (!waiting.empty() && now - waiting.front().second >= timeout_ms)
 			waiting.pop_front();
-		bool more = opt.count == 0 || stats->sent < opt.count;
+		bool more = has_deadline || opt.count == 0 || stats->sent < opt.count;
 		if (more && now >= next_send) {
+			// An error still queued is about an earlier probe; it would
+			// also fail this send.
+			p.receive_errors(&waiting);
+			if (deadline_done())
+				break;
 			std::uint32_t seq = static_cast<std::uint32_t>(stats->sent + 1);
-			if (!p.send_one(err)) {
+			bool sent = p.send_one(err);
+			if (!sent && p.receive_errors(&waiting) > 0)
+				sent = p.send_one(err);  // failed on an error that came just now
+			if (!sent) {
 				if (stats->sent == 0)
 					return PING_ERR_SETUP;
 				std::fprintf(out, "seq=%u: %s\n", seq, err->c_str());
@@ -502,18 +675,23 @@ int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::st
 			stats->sent++;
 			waiting.emplace_back(seq, now);
 			next_send += interval_ms;
-			more = opt.count == 0 || stats->sent < opt.count;
+			more = has_deadline || opt.count == 0 || stats->sent < opt.count;
 		}
 		if (!more && waiting.empty())
 			break;
-		double deadline = more ? next_send : now + timeout_ms;
+		double wake = more ? next_send : now + timeout_ms;
 		if (!waiting.empty())
-			deadline = std::min(deadline, waiting.front().second + timeout_ms);
-		double wait = std::max(0.0, deadline - mono_ms());
+			wake = std::min(wake, waiting.front().second + timeout_ms);
+		wake = std::min(wake, end);
+		double wait = std::max(0.0, wake - mono_ms());
 		timespec ts{static_cast<time_t>(wait / 1e3), static_cast<long>(std::fmod(wait, 1e3) * 1e6)};
 		pollfd pfd{p.udp.get(), POLLIN, 0};
-		if (ppoll(&pfd, 1, &ts, nullptr) == 1)
-			p.receive(&waiting);
+		if (ppoll(&pfd, 1, &ts, nullptr) == 1) {
+			if (pfd.revents & POLLERR)  // read first: a pending error fails the next recv too
+				p.receive_errors(&waiting);
+			if (pfd.revents & POLLIN)
+				p.receive(&waiting);
+		}
 	}
 	stats->elapsed_ms = mono_ms() - start;
 	std::fflush(out);
@@ -523,10 +701,13 @@ int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::st
 void ping_print_summary(const ping_options &opt, const ping_stats &st, std::FILE *out)
 {
 	double loss = st.sent ? 100.0 * static_cast<double>(st.sent - st.received) / static_cast<double>(st.sent) : 0;
-	std::fprintf(out, "\n--- %s sbfd-ping statistics ---\n", ipv4_dotted(opt.target.s_addr).text);
-	std::fprintf(out, "%llu packets transmitted, %llu received, %g%% packet loss, time %.0fms",
-		     static_cast<unsigned long long>(st.sent), static_cast<unsigned long long>(st.received),
-		     loss, st.elapsed_ms);
+	std::fprintf(out, "\n--- %s sbfd-ping statistics ---\n",
+		     opt.target_name.empty() ? ipv4_dotted(opt.target.s_addr).text : opt.target_name.c_str());
+	std::fprintf(out, "%llu packets transmitted, %llu received", static_cast<unsigned long long>(st.sent),
+		     static_cast<unsigned long long>(st.received));
+	if (st.errors)
+		std::fprintf(out, ", +%llu errors", static_cast<unsigned long long>(st.errors));
+	std::fprintf(out, ", %g%% packet loss, time %.0fms", loss, st.elapsed_ms);
 	if (st.late)
 		std::fprintf(out, ", %llu late", static_cast<unsigned long long>(st.late));
 	if (st.foreign)

@@ -19,6 +19,18 @@
 // be a reply (RFC 7881 section 3: replies leave the reflector from 7784):
 // one from anywhere else, whatever it holds, is reported as from a wrong
 // source and counted apart, so that a forged reply never counts.
+//
+// ICMP errors: the UDP socket asks for them (IP_RECVERR) and reads them from
+// its error queue. An error about a datagram sent to the target's port 7784
+// (a port unreachable when no reflector listens, a host unreachable when the
+// next hop does not answer ARP) is matched, like a reply, to the oldest probe
+// still waiting: that probe is reported with the error and counted in
+// errors, not as silently lost. An error that finds no probe waiting is
+// reported as late and still counted.
+//
+// Deadline (-w, as in ping): the run ends when the deadline passes, whatever
+// was sent; with a count, probes go on until that many replies came, and
+// the first ICMP error ends the run too.
 #pragma once
 
 #include <netinet/in.h>
@@ -116,12 +128,25 @@ bool probe_parse_mac(const char *text, std::uint8_t mac[ETH_ADDR_LEN]);
 
 // ---- the probe loop ----
 
+// Resolves `text`, an IPv4 address or a host name (getaddrinfo, AF_INET:
+// the first address), into *addr. *name is set to `text` when it was a name
+// and cleared when it was an address. Returns false, with the resolver's
+// message in *err, when the name has no IPv4 address.
+bool probe_resolve(const char *text, in_addr *addr, std::string *name, std::string *err);
+
+// The words of ICMP error `type`/`code` as ping prints them ("Destination
+// Port Unreachable"); `info` is the MTU of "fragmentation needed" or the
+// pointer of a parameter problem.
+std::string probe_icmp_text(std::uint8_t type, std::uint8_t code, std::uint32_t info);
+
 struct ping_options {
 	in_addr target{};                  // reflector address
+	std::string target_name{};         // the host name resolved into target; empty: given as an address
 	std::optional<in_addr> source;     // source address; default: the route's
 	std::uint64_t count = 0;           // probes to send; 0: until stopped
 	double interval_s = 1.0;           // between probes
 	double timeout_s = 1.0;            // a probe unanswered this long is lost
+	double deadline_s = 0;             // the run ends this long after it began; 0: no deadline
 	probe_params params;
 	bool quiet = false;                // summary only
 	std::string mpls_iface;            // nonempty: raw frames under label 0 on it
@@ -134,6 +159,7 @@ struct ping_stats {
 	std::uint64_t late = 0;       // replies with our discriminator and no probe waiting
 	std::uint64_t foreign = 0;    // replies for another discriminator, or malformed
 	std::uint64_t wrong_source = 0;  // datagrams not from the target's address and port 7784
+	std::uint64_t errors = 0;     // ICMP errors about our probes (each also a lost probe)
 	double rtt_min_ms = 0, rtt_max_ms = 0, rtt_sum_ms = 0, rtt_sum2_ms = 0;
 	double elapsed_ms = 0;
 };
@@ -141,12 +167,13 @@ struct ping_stats {
 constexpr int PING_OK = 0;
 constexpr int PING_ERR_SETUP = 2;  // a socket, address or interface problem (message in err)
 
-// Runs probes as `opt` says, printing each reply to `out` (unless quiet);
-// stops early when *stop becomes nonzero. Returns PING_OK after the run (the
-// caller judges the counts in *stats), or PING_ERR_SETUP with a message in
-// *err when nothing could be sent.
+// Runs probes as `opt` says, printing each reply and each ICMP error to
+// `out` (unless quiet); stops early when *stop becomes nonzero. Returns
+// PING_OK after the run (the caller judges the counts in *stats), or
+// PING_ERR_SETUP with a message in *err when nothing could be sent.
 int ping_run(const ping_options &opt, std::FILE *out, ping_stats *stats, std::string *err,
 	     const volatile std::sig_atomic_t *stop);
 
-// Writes the summary block (counts, loss, rtt min/avg/max/mdev) to `out`.
+// Writes the summary block (counts, "+N errors" when there were any, loss,
+// rtt min/avg/max/mdev) to `out`.
 void ping_print_summary(const ping_options &opt, const ping_stats &stats, std::FILE *out);
