@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "blreader.h"
+#include "shmhist.h"
 #include "shmstat.h"
 #include "testutil.h"
 
@@ -48,10 +49,29 @@ TEST(FuzzRegress, StoreInputsAreRefusedOrRenderedInAllThreeFormats)
 		EXPECT_NE(name, "used_slot_time_far_in_the_past");
 		EXPECT_NE(shmstat_format_text(*snap, "orvalindwarden-regress", snap.get()), "") << name;
 		EXPECT_NE(shmstat_format_json(*snap, "orvalindwarden-regress"), "") << name;
-		EXPECT_NE(shmstat_format_prometheus(*snap), "") << name;
+		EXPECT_NE(shmstat_format_prometheus(*snap, "orvalindwarden-regress"), "") << name;
 		rendered++;
 	}
 	EXPECT_GE(rendered, 3);
+}
+
+// The same inputs as --delta history files: refused with a reason, or
+// written back byte for byte (the seed "history" is one).
+TEST(FuzzRegress, StoreInputsAsHistoryFilesAreRefusedOrWrittenBackAsRead)
+{
+	int parsed = 0;
+	for (const auto &[name, bytes] : inputs("fuzz_shmstat")) {
+		const std::string text(bytes.begin(), bytes.end());
+		shmhist h;
+		std::string why;
+		if (!shmhist_parse(text, &h, &why)) {
+			EXPECT_NE(why, "") << name;
+			continue;
+		}
+		EXPECT_EQ(shmhist_format(h), text) << name;
+		parsed += name == "history";
+	}
+	EXPECT_EQ(parsed, 1);
 }
 
 TEST(FuzzRegress, TraceInputsAreRejectedOrRenderedWithoutFault)

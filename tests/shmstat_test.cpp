@@ -1,15 +1,22 @@
 // shmstat_test.cpp -- the store reader of orvalindwarden-stat: size and
-// plausibility rules, and its three renderings of a fixed store compared
-// byte for byte with golden files (the end-to-end run reads a live store).
+// plausibility rules, its three renderings of a fixed store compared byte
+// for byte with golden files, silent sessions, the daemon behind a store,
+// and the history of --delta (the end-to-end run reads a live store).
 #include <arpa/inet.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <set>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include "runstate.h"
+#include "shmhist.h"
 #include "shmstat.h"
 #include "testutil.h"
 #include "unique_fd.h"
@@ -59,6 +66,18 @@ std::unique_ptr<shmstat_snapshot> fixed_snapshot()
 	return snap;
 }
 
+// What the fixed store's renderings show beside it: daemon 4242 holds it,
+// administratively down since 22:05, started at 22:00 (UTC).
+shmstat_view fixed_view()
+{
+	shmstat_view v;
+	v.daemon.pid = 4242;
+	v.daemon.config_known = true;
+	v.daemon.config = {77, inet_addr("192.0.2.1"), 300000, true, {1699999500, 500000000}, {1699999200, 0}};
+	v.version = "1.0.0";
+	return v;
+}
+
 // Compares `text` with tests/data/<file> byte for byte. After a deliberate
 // change of an output, regenerate the files with
 //   ORV_UPDATE_GOLDEN=1 ctest --test-dir BUILD -R ShmstatGolden
@@ -78,16 +97,10 @@ TEST(ShmstatGolden, TextJsonAndPrometheusRenderingsOfAFixedStoreAreTheGoldenOnes
 	setenv("TZ", "UTC", 1);
 	tzset();
 	const auto snap = fixed_snapshot();
-	expect_golden(shmstat_format_text(*snap, "orvalindwarden", nullptr), "stat_golden.txt");
-	expect_golden(shmstat_format_json(*snap, "orvalindwarden"), "stat_golden.json");
-	// Templated so that it builds whether or not the store's name is passed.
-	const auto prometheus = [](const auto &s) {
-		if constexpr (requires { shmstat_format_prometheus(s, std::string()); })
-			return shmstat_format_prometheus(s, "orvalindwarden");
-		else
-			return shmstat_format_prometheus(s);
-	};
-	expect_golden(prometheus(*snap), "stat_golden.prom");
+	const shmstat_view view = fixed_view();
+	expect_golden(shmstat_format_text(*snap, "orvalindwarden", nullptr, view), "stat_golden.txt");
+	expect_golden(shmstat_format_json(*snap, "orvalindwarden", view), "stat_golden.json");
+	expect_golden(shmstat_format_prometheus(*snap, "orvalindwarden", view), "stat_golden.prom");
 	// Rates over 2 s: the k-th counter grew by 2k (k/s; the small ones
 	// wrapped), A received 4 requests and sent 2 more, slot 300 held
 	// another initiator ("-").
@@ -99,7 +112,7 @@ TEST(ShmstatGolden, TextJsonAndPrometheusRenderingsOfAFixedStoreAreTheGoldenOnes
 	p.your_disc_unmatch -= 22, p.invalid_bfd_state -= 24, p.unsupported -= 26, p.invalid_pkt_format -= 28;
 	p.sendto_fail -= 30, p.wrong_len_sent -= 32, p.rx_hash_miss -= 34, p.rx_hash_hit -= 36, p.rx_hash_trim -= 38;
 	p.sessions[511].num_received -= 4, p.sessions[511].num_sent -= 2, p.sessions[300].discriminator = 201;
-	expect_golden(shmstat_format_text(*snap, "orvalindwarden", prev.get()), "stat_golden_rates.txt");
+	expect_golden(shmstat_format_text(*snap, "orvalindwarden", prev.get(), view), "stat_golden_rates.txt");
 }
 
 TEST(ShmstatRead, CopiesAStoreAndRejectsAMissingObjectWrongSizesAndGarbage)
@@ -156,6 +169,291 @@ TEST(ShmstatPlausible, RejectsEachBrokenRuleAndAcceptsItsBoundary)
 			EXPECT_TRUE(shmstat_plausible(snap->store, false, &why)) << what << ": " << why;
 		}
 	}
+}
+
+// Detection time: Detect Mult x Desired Min TX, never below 1 s; silent
+// strictly past it, to the nanosecond, whatever the stored values.
+TEST(ShmstatSilent, FlagsASessionOnlyPastItsAnnouncedDetectionTimeWithAOneSecondFloor)
+{
+	constexpr std::int64_t NOW = 1700000100;
+	const std::tuple<std::uint8_t, std::uint32_t, shm_timestamp, bool> cases[] = {  // mult, tx us, last_rx, silent
+		{3, 300000, {NOW - 1, 0}, false},  // 0.9 s: the floor holds
+		{3, 300000, {NOW - 2, 999999999}, true},
+		{5, 1000000, {NOW - 5, 0}, false},  // exactly 5 s
+		{5, 1000000, {NOW - 6, 999999999}, true},
+		{0, 0, {NOW - 1, 0}, false},
+		{255, 0xFFFFFFFF, {NOW - 1000000, 0}, false},  // 11.6 days of 12.7: no overflow
+		{255, 0xFFFFFFFF, {NOW - 255LL * 0xFFFFFFFF / 1000000 - 1, 0}, true},
+		{1, 1000, {NOW + 60, 0}, false},  // clock set back
+		{1, 1000, {0x7FFFFFFFFFFFFFFF, 999999999}, false},
+	};
+	for (const auto &[mult, tx, last_rx, silent] : cases) {
+		reflector_session s{};
+		s.detect_multiplier = mult, s.desired_min_tx = tx, s.last_rx = last_rx;
+		EXPECT_EQ(shmstat_silent(s, {NOW, 0}), silent) << int(mult) << " x " << tx << " at " << last_rx.tv_sec;
+	}
+
+	// --silent lists the silent sessions (A and B of the fixed store) but counts all.
+	auto snap = fixed_snapshot();
+	shmstat_view view;
+	view.silent_only = true;
+	const std::string text = shmstat_format_text(*snap, "orvalindwarden", nullptr, view);
+	EXPECT_NE(text.find("Sessions in use: 3 of 512, 2 silent; the silent ones,"), std::string::npos) << text;
+	EXPECT_EQ(text.find("203.0.113.5"), std::string::npos) << text;
+	const auto doc = nlohmann::json::parse(shmstat_format_json(*snap, "orvalindwarden", view));
+	EXPECT_EQ(std::tuple(doc["sessions_in_use"], doc["sessions_silent"], doc["sessions"].size(), doc["sessions"][0]["silent"]),
+		  std::tuple(3, 2, 2u, true));
+	const std::string prom = shmstat_format_prometheus(*snap, "orvalindwarden", view);
+	EXPECT_NE(prom.find("\norvalindwarden_sessions_silent{store=\"orvalindwarden\"} 2\n"), std::string::npos);
+	EXPECT_EQ(prom.find("address=\"203.0.113.5\""), std::string::npos);
+}
+
+// Sample lines ("name{labels} value") of a rendering.
+std::vector<std::string> prom_series(const std::string &text)
+{
+	std::vector<std::string> out;
+	std::istringstream in(text);
+	for (std::string line; std::getline(in, line);)
+		if (!line.starts_with("#"))
+			out.push_back(line.substr(0, line.rfind(' ')));
+	return out;
+}
+
+// What a node_exporter textfile directory with one file per instance
+// needs: every sample names its store, so that two instances' series
+// never collide, whatever bytes the store's name holds.
+TEST(ShmstatPrometheus, EverySampleNamesItsStoreAndTwoInstancesShareNoSeries)
+{
+	auto snap = fixed_snapshot();
+	const std::string blue = "orvalindwarden-var-run-netns-blue", odd = "orvalindwarden-\"x\\y\nz";
+	std::set<std::string> all;
+	std::size_t total = 0;
+	for (const auto &[name, label] : {std::pair{blue, blue}, std::pair{odd, std::string("orvalindwarden-\\\"x\\\\y\\nz")}}) {
+		const auto series = prom_series(shmstat_format_prometheus(*snap, name, fixed_view()));
+		for (const std::string &s : series)
+			EXPECT_NE(s.find("{store=\"" + label + "\""), std::string::npos) << s;
+		all.insert(series.begin(), series.end());
+		total += series.size();
+	}
+	EXPECT_EQ(all.size(), total) << "two instances share a series";
+	EXPECT_GT(total, 2 * 40u);
+}
+
+// Without a daemon: up 0, an info series with the version alone, no
+// start or configuration time, and "unknown" with the reason in text and JSON.
+TEST(ShmstatPrometheus, PassesPromtoolCheckWithAndWithoutADaemon)
+{
+	if (testutil::run("command -v promtool >/dev/null") != 0)
+		GTEST_SKIP() << "promtool not installed (Debian package prometheus): the text format is not checked";
+	auto snap = fixed_snapshot();
+	shmstat_view down;
+	down.version = "1.0.0";
+	down.daemon.config_unknown = "no run-state file /run/orvalindwarden/orvalindwarden.state";
+	testutil::temp_dir dir;
+	for (const shmstat_view &view : {fixed_view(), down}) {
+		const std::string prom = shmstat_format_prometheus(*snap, "orvalindwarden-var-run-netns-\"blue\"", view);
+		std::ofstream(dir.file("orv.prom")) << prom;
+		testutil::child_process check({"sh", "-c", "promtool check metrics < " + dir.file("orv.prom")});
+		EXPECT_EQ(check.exit_status(), 0) << check.out() << check.err() << prom;
+	}
+	const std::string prom = shmstat_format_prometheus(*snap, "orvalindwarden", down);
+	EXPECT_NE(prom.find("\norvalindwarden_up{store=\"orvalindwarden\"} 0\n"), std::string::npos);
+	EXPECT_NE(prom.find("\norvalindwarden_info{store=\"orvalindwarden\",version=\"1.0.0\"} 1\n"), std::string::npos);
+	EXPECT_EQ(prom.find("orvalindwarden_config_since_timestamp_seconds"), std::string::npos);
+	EXPECT_NE(shmstat_format_text(*snap, "orvalindwarden", nullptr, down)
+			  .find("\ndaemon: none holds the store\nconfiguration: unknown (no run-state file /run/orvalindwarden/"),
+		  std::string::npos);
+	const auto doc = nlohmann::json::parse(shmstat_format_json(*snap, "orvalindwarden", down));
+	EXPECT_EQ(std::tuple(doc["daemon"]["up"], doc["daemon"]["pid"], doc["config"], doc["config_unknown"]),
+		  std::tuple(false, nullptr, nullptr, down.daemon.config_unknown));
+}
+
+TEST(ShmstatDaemon, MapsHoldOnlyAWritableSharedMappingOfTheStoresPathAndInode)
+{
+	const std::string path = "/dev/shm/orvalindwarden-a b";
+	const std::tuple<const char *, bool> cases[] = {
+		{"7f00-7f11 rw-s 00000000 00:1a 4242                       /dev/shm/orvalindwarden-a b\n", true},
+		{"7f00-7f11 rw-s 00000000 00:1a 4242 /dev/shm/orvalindwarden-a b", true},  // last line without a line feed
+		{"7f00-7f11 r--s 00000000 00:1a 4242                       /dev/shm/orvalindwarden-a b\n", false},  // a reader
+		{"7f00-7f11 rw-p 00000000 00:1a 4242                       /dev/shm/orvalindwarden-a b\n", false},
+		{"7f00-7f11 rw-s 00000000 00:1a 4243                       /dev/shm/orvalindwarden-a b\n", false},  // another object since
+		{"7f00-7f11 rw-s 00000000 00:1a 4242                       /dev/shm/orvalindwarden-a b (deleted)\n", false},
+		{"7f00-7f11 rw-s 00000000 00:1a 4242                       /dev/shm/orvalindwarden-a\n", false},
+		{"7f00-7f11 rw-s 00000000 00:1a 04242x                     /dev/shm/orvalindwarden-a b\n", false},
+		{"7f00-7f11 rw-s 00000000 00:1a\n", false},
+		{"", false},
+	};
+	for (const auto &[maps, holds] : cases) {
+		const std::string two = std::string("5600-5700 r-xp 00000000 08:01 12 /usr/sbin/orvalindwarden\n") + maps;
+		EXPECT_EQ(shmstat_maps_hold(two, path, 4242), holds) << maps;
+	}
+}
+
+// The holder is found in /proc by its mapping, with or without the
+// run-state file's pid; the configuration is believed only from that pid.
+TEST(ShmstatDaemon, FindsTheProcessMappingTheStoreAndTrustsOnlyItsRunStateFile)
+{
+	const std::string name = testutil::unique_name("orvstat-holder");
+	const testutil::undo unlink{[&] { shm_unlink(name.c_str()); }};
+	auto want = fixed_snapshot();
+	{
+		unique_fd fd{shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600)};
+		ASSERT_EQ(::write(fd.get(), &want->store, SHM_SIZE), static_cast<ssize_t>(SHM_SIZE));
+	}
+	auto snap = std::make_unique<shmstat_snapshot>();
+	std::string err;
+	ASSERT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_OK) << err;
+	testutil::temp_dir dir;
+	const std::string state = dir.file("x.state");
+	auto write_state = [&](long pid) {
+		run_state rs{static_cast<std::int32_t>(pid), 77, inet_addr("192.0.2.1"), 300000, 1, 1700000000, 5, 1699999000, 0};
+		ASSERT_EQ(run_state_write(state.c_str(), rs), 0);
+	};
+	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), 0);
+	shmstat_daemon d = shmstat_probe_daemon(name, *snap, state.c_str());
+	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown), std::tuple(0L, false, "no run-state file " + state));
+
+	// A child maps the store as the daemon does, and one more read-only.
+	int ready[2];
+	ASSERT_EQ(pipe(ready), 0);
+	const pid_t child = fork();
+	if (child == 0) {
+		const int fd = shm_open(name.c_str(), O_RDWR, 0);
+		void *rw = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+		(void)!::write(ready[1], rw == MAP_FAILED ? "n" : "y", 1);
+		pause();
+		_exit(0);
+	}
+	const testutil::undo reap{[&] { kill(child, SIGKILL), waitpid(child, nullptr, 0); }};
+	char c = 0;
+	ASSERT_EQ(read(ready[0], &c, 1), 1);
+	ASSERT_EQ(c, 'y');
+	close(ready[0]), close(ready[1]);
+	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), child);
+	EXPECT_EQ(shmstat_find_holder(name, *snap, getpid()), child) << "a wrong hint must not stick";
+
+	write_state(child);
+	d = shmstat_probe_daemon(name, *snap, state.c_str());
+	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config.discriminator, d.config.admin_down, d.config.since.tv_nsec),
+		  std::tuple(long(child), true, 77u, true, 5));
+	write_state(getpid());  // alive, but not mapping the store
+	d = shmstat_probe_daemon(name, *snap, state.c_str());
+	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown),
+		  std::tuple(long(child), false, "stale run-state file: pid " + std::to_string(getpid()) + " does not hold the store"));
+	std::ofstream(state) << "orvalindwarden-state 1\npid 01\n";
+	d = shmstat_probe_daemon(name, *snap, state.c_str());
+	EXPECT_EQ(d.config_unknown, "run-state file " + state + " unreadable: not a run-state file");
+
+	write_state(child);
+	kill(child, SIGKILL), waitpid(child, nullptr, 0);
+	d = shmstat_probe_daemon(name, *snap, state.c_str());
+	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown),
+		  std::tuple(0L, false, "stale run-state file: pid " + std::to_string(child) + " is not running"));
+}
+
+// The history file of --delta: written and read back whole, and refused
+// for any line out of place, as a file the caller may have edited.
+TEST(ShmhistParse, ReadsBackWhatItWritesAndRefusesEachBrokenLine)
+{
+	auto snap = fixed_snapshot();
+	shmhist h = shmhist_of(*snap, "orvalindwarden-%a b\n\x7f\xc3");
+	const std::string text = shmhist_format(h);
+	EXPECT_NE(text.find("\nobject orvalindwarden-%25a%20b%0A%7F%C3\ntaken 1700000100 250000000\n"), std::string::npos) << text;
+	shmhist back;
+	std::string why;
+	ASSERT_TRUE(shmhist_parse(text, &back, &why)) << why;
+	EXPECT_EQ(shmhist_format(back), text);
+	EXPECT_EQ(std::tuple(back.object, back.counters[0], back.sessions.size(), back.sessions[0].discriminator, back.sessions[2].received),
+		  std::tuple(h.object, 4294967313u, 3u, 200u, 12u));
+
+	// Each case edits one line of `text` (from `from` to `to`) and names the line refused.
+	const std::string session = "session 100 192.0.2.10 12 9\n";
+	std::string sessions_513;
+	for (std::uint32_t d = 1; d <= MAX_SESSIONS + 1; d++)
+		sessions_513 += "session " + std::to_string(d) + " 198.51.100.1 0 0\n";
+	const std::tuple<std::string, std::string, const char *> cases[] = {
+		{"history 1\n", "history 2\n", "line 1:"},
+		{"\nobject orvalindwarden-", "\nobject  orvalindwarden-", "line 2:"},
+		{"%25a", "%a", "line 2:"},
+		{"%25a", "%2Ca", "line 2:"},  // a plain byte escaped: two spellings of one name
+		{"%0A", "%0a", "line 2:"},
+		{"%0A", "%00", "line 2:"},
+		{"taken 1700000100 250000000", "taken 1700000100 1000000000", "line 3:"},
+		{"taken 1700000100 ", "taken +1700000100 ", "line 3:"},
+		{"counter rx_drops 4294967313", "counter rx_drops 04294967313", "line 4:"},
+		{"counter pkt_truncated 3", "counter pkt_truncated 4294967296", "line 7:"},  // 32 bits wide
+		{"counter tx_sends", "counter rx_valid_pkts", "line 5:"},
+		{"counter wrong_len_sent 43\n", "", "line 19:"},
+		{"counter bad_version 5\n", "counter bad_version 5 \n", "line 8:"},
+		{"counter bad_version 5\n", "counter bad_version 5\r\n", "line 8:"},
+		{session, "session 100 192.0.2.10 12\n", "line 25:"},  // sessions in slot order: B, C, A
+		{session, "session 0 192.0.2.10 12 9\n", "line 25:"},
+		{session, "session 100 192.0.2.256 12 9\n", "line 25:"},
+		{session, "session 100 192.0.2.010 12 9\n", "line 25:"},
+		{session, "session 100 192.0.2 12 9\n", "line 25:"},
+		{session, session + session, "line 26: session listed twice"},
+		{session, sessions_513, "line 535: more than 512 sessions"},  // two before them
+		{session, session + "\n", "line 26:"},
+		{session, "session 100 192.0.2.10 12 9", "does not end with a line feed"},
+		{session, session + std::string(SHMHIST_FILE_MAX, '#'), "larger than 65536 bytes"},
+	};
+	for (const auto &[from, to, fault] : cases) {
+		std::string broken = text;
+		const std::size_t at = broken.rfind(from);
+		ASSERT_NE(at, std::string::npos) << from;
+		broken.replace(at, from.size(), to);
+		EXPECT_FALSE(shmhist_parse(broken, &back, &why)) << to;
+		EXPECT_NE(why.find(fault), std::string::npos) << to << ": " << why;
+	}
+}
+
+// Changes since a baseline: counters across a 32-bit wrap, sessions by
+// their key; a store reset counts from the reset, with a note.
+TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
+{
+	auto base_snap = fixed_snapshot(), snap = fixed_snapshot();
+	base_snap->store.bad_version = 0xFFFFFFFE;  // to 5: 7 more
+	base_snap->store.sessions[511].num_received = 10;  // A: 2 more requests
+	base_snap->store.sessions[510].num_sent = 3;  // C: fewer replies now, its slot re-used
+	base_snap->store.sessions[300].discriminator = 201;  // B is new, 201 is gone
+	const shmhist base = shmhist_of(*base_snap, "orvalindwarden");
+	snap->taken.tv_sec += 4;
+	snap->store.rx_drops += 8;
+
+	shmhist_delta d = shmhist_compare(&base, *snap, "orvalindwarden");
+	auto count = [&](const char *name) {
+		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++)
+			if (std::string(SHMSTAT_COUNTERS[i].name) == name)
+				return d.counters[i];
+		return ~std::uint64_t(0);
+	};
+	EXPECT_EQ(std::tuple(d.have_base, d.seconds, d.notes.size(), count("rx_drops"), count("bad_version"), count("tx_sends")),
+		  std::tuple(true, 4.0, 0u, 8u, 7u, 0u));
+	ASSERT_EQ(d.sessions.size(), 3u);  // most recently heard first: C, A, B
+	EXPECT_EQ(std::tuple(d.sessions[0].slot, d.sessions[0].fresh, d.sessions[1].received, d.sessions[1].fresh,
+			     d.sessions[2].received, d.sessions[2].fresh, d.gone),
+		  std::tuple(510u, true, 2u, false, 5u, true, 1u));
+	const auto doc = nlohmann::json::parse(shmstat_format_delta_json(d, *snap, "orvalindwarden"));
+	EXPECT_EQ(std::tuple(doc["interval_s"], doc["rx_errors"]["bad_version"], doc["sessions"][1]["received"], doc["sessions_gone"]),
+		  std::tuple(4.0, 7, 2, 1));
+	const std::string text = shmstat_format_delta_text(d, *snap, "orvalindwarden");
+	EXPECT_NE(text.find("\n  bad_version               7         1.8\n"), std::string::npos) << text;
+
+	// Restarted without -S: the 64-bit counters went back.
+	snap->store.rx_valid_pkts = 2, snap->store.rx_drops = 1;
+	d = shmhist_compare(&base, *snap, "orvalindwarden");
+	ASSERT_EQ(d.notes.size(), 1u);
+	EXPECT_EQ(d.notes[0].find("counters went back (rx_drops 4294967313 -> 1, rx_valid_pkts 4294967596 -> 2, bad_version "
+				  "4294967294 -> 5)"),
+		  0u) << d.notes[0];
+	EXPECT_EQ(std::tuple(count("rx_valid_pkts"), count("bad_version"), count("tx_sends"), d.sessions[1].received, d.sessions[1].fresh),
+		  std::tuple(2u, 5u, 6442450951u, 12u, true));
+	EXPECT_NE(shmstat_format_delta_text(d, *snap, "orvalindwarden").find("\nnote: counters went back ("), std::string::npos);
+
+	// A history of another store, or none: counts since the store was made.
+	d = shmhist_compare(&base, *snap, "orvalindwarden-var-run-netns-blue");
+	EXPECT_EQ(std::tuple(d.have_base, d.notes.size(), count("bad_version")), std::tuple(false, 2u, 5u));
+	EXPECT_NE(d.notes[0].find("the history is of store orvalindwarden, not of this one"), std::string::npos);
 }
 
 }  // namespace

@@ -1,9 +1,12 @@
 // orvalindwarden-stat.cpp -- shows the counters and sessions of a running
 // (or stopped) reflector from its shared session store: as a text report,
-// as JSON, in the node_exporter textfile format, or refreshed in place.
+// as JSON, in the node_exporter textfile format, or refreshed in place;
+// or, with --delta, the change of every counter since the caller's last
+// call, the baseline kept in a history file of the caller's.
 //
 // Exit status: 0 shown; 1 the store cannot be read (missing, no access,
-// wrong size, not a store); 2 usage error.
+// wrong size, not a store) or the history file cannot be written; 2 usage
+// error.
 #include <getopt.h>
 #include <signal.h>
 #include <time.h>
@@ -15,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "shmhist.h"
 #include "shmstat.h"
 
 namespace {
@@ -28,18 +32,25 @@ void on_interrupt(int) { stop_watch = 1; }
 
 void usage(FILE *out)
 {
-	std::fputs("Usage: orvalindwarden-stat [-j | -P | -w SECONDS] [-n NSPATH | -o OBJECT]\n"
+	std::fputs("Usage: orvalindwarden-stat [-j | -P | -w SECONDS] [-s] [-d | -r] [-H FILE] [-n NSPATH | -o OBJECT]\n"
 		   "Shows the counters and sessions of the S-BFD reflector's shared session store.\n"
 		   "\n"
 		   "  -j, --json             one JSON document\n"
 		   "  -P, --prometheus       node_exporter textfile format\n"
 		   "  -w, --watch SECONDS    refresh every SECONDS with per-second rates, until interrupted\n"
+		   "  -s, --silent           list only the silent sessions (last request older than\n"
+		   "                         the detection time the initiator announced)\n"
+		   "  -d, --delta            changes since the last call (text or JSON); keeps a history file\n"
+		   "  -r, --reset            start a new baseline for --delta, print nothing\n"
+		   "  -H, --history FILE     the history file (default: $XDG_RUNTIME_DIR/orvalindwarden-stat/\n"
+		   "                         OBJECT.delta, else ~/.cache/orvalindwarden-stat/OBJECT.delta)\n"
 		   "  -n, --netns NSPATH     the store of the daemon started with this NSPATH\n"
 		   "                         (default: the NSPATH of the environment)\n"
 		   "  -o, --object NAME      the shared-memory object NAME (as in /dev/shm)\n"
 		   "  -h, --help             this text\n"
 		   "\n"
-		   "Exit status: 0 shown, 1 store missing or unreadable or not a store, 2 usage error.\n",
+		   "Exit status: 0 shown, 1 store missing or unreadable or not a store, or history\n"
+		   "not written, 2 usage error.\n",
 		   out);
 }
 
@@ -55,7 +66,7 @@ void sleep_interruptible(double seconds)
 	}
 }
 
-int watch(const std::string &name, double interval)
+int watch(const std::string &name, double interval, bool silent_only)
 {
 	struct sigaction sa {};
 	sa.sa_handler = on_interrupt;
@@ -72,8 +83,11 @@ int watch(const std::string &name, double interval)
 			std::fprintf(stderr, "orvalindwarden-stat: %s\n", err.c_str());
 			return EXIT_STORE;
 		}
+		shmstat_view view;
+		view.daemon = shmstat_probe_daemon(name, *cur);
+		view.silent_only = silent_only;
 		// Home the cursor and clear the screen, then draw the new report.
-		write_all("\033[H\033[2J" + shmstat_format_text(*cur, name, have_prev ? prev.get() : nullptr));
+		write_all("\033[H\033[2J" + shmstat_format_text(*cur, name, have_prev ? prev.get() : nullptr, view));
 		std::fflush(stdout);
 		std::swap(cur, prev);
 		have_prev = true;
@@ -90,11 +104,17 @@ int main(int argc, char **argv)
 	const char *object = nullptr;
 	const char *nspath = std::getenv("NSPATH");
 	double interval = 0;
+	bool silent_only = false, delta = false, reset = false;
+	const char *history = nullptr;
 
 	static const option longopts[] = {
 		{"json", no_argument, nullptr, 'j'},
 		{"prometheus", no_argument, nullptr, 'P'},
 		{"watch", required_argument, nullptr, 'w'},
+		{"silent", no_argument, nullptr, 's'},
+		{"delta", no_argument, nullptr, 'd'},
+		{"reset", no_argument, nullptr, 'r'},
+		{"history", required_argument, nullptr, 'H'},
 		{"netns", required_argument, nullptr, 'n'},
 		{"object", required_argument, nullptr, 'o'},
 		{"help", no_argument, nullptr, 'h'},
@@ -102,7 +122,7 @@ int main(int argc, char **argv)
 		{nullptr, 0, nullptr, 0},
 	};
 	int c;
-	while ((c = getopt_long(argc, argv, "jPw:n:o:h", longopts, nullptr)) != -1) {
+	while ((c = getopt_long(argc, argv, "jPw:sdrH:n:o:h", longopts, nullptr)) != -1) {
 		switch (c) {
 		case 'j':
 			fmt = format::json;
@@ -121,6 +141,18 @@ int main(int argc, char **argv)
 			}
 			break;
 		}
+		case 's':
+			silent_only = true;
+			break;
+		case 'd':
+			delta = true;
+			break;
+		case 'r':
+			reset = true;
+			break;
+		case 'H':
+			history = optarg;
+			break;
 		case 'n':
 			nspath = optarg;
 			break;
@@ -147,10 +179,19 @@ int main(int argc, char **argv)
 		std::fputs("orvalindwarden-stat: --watch shows the text report only\n", stderr);
 		return EXIT_USAGE;
 	}
+	const char *conflict = delta && reset ? "--delta and --reset"
+			       : (delta || reset) && interval > 0 ? "--delta or --reset and --watch"
+			       : (delta || reset) && fmt == format::prometheus ? "--delta or --reset and --prometheus"
+			       : history && !delta && !reset ? "--history without --delta or --reset"
+							     : nullptr;
+	if (conflict) {
+		std::fprintf(stderr, "orvalindwarden-stat: %s do not go together\n", conflict);
+		return EXIT_USAGE;
+	}
 
 	std::string name = shmstat_object_name(object, nspath);
 	if (interval > 0)
-		return watch(name, interval);
+		return watch(name, interval, silent_only);
 
 	auto snap = std::make_unique<shmstat_snapshot>();
 	std::string err;
@@ -158,11 +199,48 @@ int main(int argc, char **argv)
 		std::fprintf(stderr, "orvalindwarden-stat: %s\n", err.c_str());
 		return EXIT_STORE;
 	}
-	std::string out = fmt == format::json	    ? shmstat_format_json(*snap, name)
-			  : fmt == format::prometheus ? shmstat_format_prometheus(*snap)
-						      : shmstat_format_text(*snap, name, nullptr);
+	shmstat_view view;
+	view.daemon = shmstat_probe_daemon(name, *snap);
+	view.silent_only = silent_only;
+	view.version = ORV_VERSION;
+
+	std::string out, history_path;
+	if (delta || reset) {
+		history_path = history ? history : shmhist_default_path(name, &err);
+		if (history_path.empty()) {
+			std::fprintf(stderr, "orvalindwarden-stat: %s\n", err.c_str());
+			return EXIT_STORE;
+		}
+	}
+	if (reset) {
+		if (!shmhist_save(history_path, shmhist_of(*snap, name), &err)) {
+			std::fprintf(stderr, "orvalindwarden-stat: %s\n", err.c_str());
+			return EXIT_STORE;
+		}
+		return 0;
+	}
+	if (delta) {
+		shmhist base;
+		std::string note;
+		bool have = shmhist_load(history_path, &base, &note);
+		shmhist_delta d = shmhist_compare(have ? &base : nullptr, *snap, name);
+		if (!note.empty())
+			d.notes.insert(d.notes.begin(), note);
+		out = fmt == format::json ? shmstat_format_delta_json(d, *snap, name, view)
+					  : shmstat_format_delta_text(d, *snap, name, view);
+	} else {
+		out = fmt == format::json	? shmstat_format_json(*snap, name, view)
+		      : fmt == format::prometheus ? shmstat_format_prometheus(*snap, name, view)
+						  : shmstat_format_text(*snap, name, nullptr, view);
+	}
 	if (!write_all(out) || std::fflush(stdout) != 0) {
 		std::perror("orvalindwarden-stat: stdout");
+		return EXIT_STORE;
+	}
+	// The new baseline only once the changes were shown: a failed write
+	// keeps the old one.
+	if (delta && !shmhist_save(history_path, shmhist_of(*snap, name), &err)) {
+		std::fprintf(stderr, "orvalindwarden-stat: %s\n", err.c_str());
 		return EXIT_STORE;
 	}
 	return 0;

@@ -1,14 +1,19 @@
 // tools_test.cpp -- the tools against a running reflector in a namespace:
 // orvalindwarden-ctl changes showing in the very next reply and its error
 // exits; sbfd-ping plain and labelled, with a deadline, a host name and
-// ICMP errors; orvalindwarden-stat in three formats; every tool's --version.
-// (Forged replies: sbfd_probe_test; blcat -f across restarts: brevlog_test.)
+// ICMP errors; orvalindwarden-stat in three formats with the daemon's
+// configuration and silent initiators, two instances through
+// node_exporter, and --delta; every tool's --version. (Forged replies:
+// sbfd_probe_test; blcat -f across restarts: brevlog_test.)
 #include <nlohmann/json.hpp>
 
 #include <regex>
 
+#include <set>
+
 #include "e2e/e2eutil.h"
 #include "nlctl.h"
+#include "runstate.h"
 
 namespace {
 
@@ -28,6 +33,9 @@ result run(const std::vector<std::string> &argv, const std::vector<std::string> 
 }
 
 using ToolsInNamespace = e2e::E2eTest;
+
+// The run-state file a daemon of store `object` writes.
+std::string run_state_file(const std::string &object) { return std::string(RUN_STATE_DIR) + "/" + object + RUN_STATE_SUFFIX; }
 
 TEST_F(ToolsInNamespace, CtlChangesShowInTheNextReplyAndAnUnreachableDaemonIsReported)
 {
@@ -154,16 +162,26 @@ TEST_F(ToolsInNamespace, SbfdPingKeepsItsDeadlineTakesHostNamesAndReportsIcmpErr
 		    r.has("\n1 packets transmitted, 0 received, +1 errors, 100% packet loss")) << r.out;
 }
 
-// The store found by --netns, by NSPATH as the daemon chose it, and by name.
+// The store found by --netns, by NSPATH as the daemon chose it, and by
+// name; in each format the daemon holding it, its configuration from the
+// run-state file, and the initiator gone silent (4242 announced 1 x 0.1 s:
+// silent after the 1 s floor) apart from the one still within its 3 x 1 s.
 TEST_F(ToolsInNamespace, StatFindsTheRunningDaemonsStoreAndShowsItInAllThreeFormats)
 {
+	const testutil::undo state{[this] { unlink(run_state_file(shm_name()).c_str()); }};
 	start(77, 300000);
-	for (std::uint32_t disc : {4242u, 4242u, 4343u})
-		ASSERT_TRUE(ask({.my_disc = disc, .your_disc = 77}));
-	const std::string stat = bin("orvalindwarden-stat");
+	for (std::uint32_t disc : {4242u, 4242u})
+		ASSERT_TRUE(ask({.my_disc = disc, .your_disc = 77, .multiplier = 1, .min_tx_us = 100000}));
+	std::this_thread::sleep_for(ms(1200));
+	ASSERT_TRUE(ask({.my_disc = 4343, .your_disc = 77}));
+	const std::string stat = bin("orvalindwarden-stat"), pid = std::to_string(daemon->pid());
 
 	result r = run({stat, "--netns", nspath()}, {"NSPATH"});
-	EXPECT_TRUE(r.status == 0 && r.has("4242  192.0.2.2:") && r.has("Sessions in use: 2 of 512")) << r.out;
+	EXPECT_TRUE(r.status == 0 && r.has("\ndaemon: pid " + pid + ", started ") &&
+		    r.has("\nconfiguration: discriminator 77, source 192.0.2.1, min_rx 300000us, admin up, since ") &&
+		    r.has("4242  192.0.2.2:") && r.has("Sessions in use: 2 of 512, 1 silent,")) << r.out;
+	r = run({stat, "--netns", nspath(), "--silent"}, {"NSPATH"});
+	EXPECT_TRUE(r.status == 0 && r.has("4242  192.0.2.2:") && !r.has("4343  192.0.2.2:")) << r.out;
 
 	r = run({stat, "--json"}, {"NSPATH=" + nspath()});
 	ASSERT_EQ(r.status, 0) << r.out;
@@ -171,10 +189,159 @@ TEST_F(ToolsInNamespace, StatFindsTheRunningDaemonsStoreAndShowsItInAllThreeForm
 	EXPECT_EQ(std::tuple(doc["object"], doc["counters"]["rx_valid_pkts"], doc["counters"]["tx_sends"], doc["sessions_in_use"],
 			     doc["sessions"][0]["discriminator"], doc["sessions"][1]["num_received"]),
 		  std::tuple(shm_name(), 3, 3, 2, 4343, 2));
+	EXPECT_EQ(std::tuple(doc["daemon"]["pid"], doc["config"]["discriminator"], doc["config"]["source"], doc["config"]["admin_down"],
+			     doc["sessions_silent"], doc["sessions"][0]["silent"], doc["sessions"][1]["silent"]),
+		  std::tuple(daemon->pid(), 77, "192.0.2.1", false, 1, false, true));
 
 	r = run({stat, "--prometheus", "--object", shm_name()}, {"NSPATH"});
-	EXPECT_TRUE(r.status == 0 &&
-		    r.has("orvalindwarden_session_received_total{discriminator=\"4242\",address=\"192.0.2.2\"} 2\n")) << r.out;
+	const std::string store = "{store=\"" + shm_name() + "\"";
+	EXPECT_TRUE(r.status == 0 && r.has("\norvalindwarden_up" + store + "} 1\n") &&
+		    r.has("\norvalindwarden_info" + store + ",version=\"" ORV_VERSION "\",discriminator=\"77\",source=\"192.0.2.1\","
+			  "min_rx=\"300000\",admin_down=\"0\"} 1\n") &&
+		    r.has("\norvalindwarden_sessions_silent" + store + "} 1\n") &&
+		    r.has("\norvalindwarden_session_received_total" + store + ",discriminator=\"4242\",address=\"192.0.2.2\"} 2\n"))
+		<< r.out;
+}
+
+// Two instances, each with its store and run-state file, through the
+// textfile directory of a real node_exporter in the daemon's namespace (or,
+// without one, the two files side by side): every series apart, both up;
+// the second killed, its metrics still written with status 0, up 0 and its
+// configuration unknown.
+TEST_F(ToolsInNamespace, StatMetricsOfTwoInstancesReachNodeExporterApartAndADeadOneIsDown)
+{
+	const std::string blue = shm_name() + "-blue";
+	const testutil::undo leftovers{[&] {
+		unlink(run_state_file(shm_name()).c_str());
+		unlink(run_state_file(blue).c_str());
+		shm_unlink(blue.c_str());
+	}};
+	start(77, 300000);
+	ASSERT_TRUE(ask({.my_disc = 4242, .your_disc = 77}));
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr add 192.0.2.3/24 dev vd0"), 0);
+	testutil::temp_dir blue_logs{"orvlogs"}, textfiles{"orvtextfile"};
+	std::optional<testutil::child_process> second;
+	second.emplace(std::vector<std::string>{"ip", "netns", "exec", ns_d, bin("orvalindwarden"), "-d", "88", "-p", "192.0.2.3", "-r", "1000"},
+		       std::vector<std::string>{"BREVLOG_DIR=" + blue_logs.path(), "NSPATH=" + nspath() + "-blue"});
+	ASSERT_TRUE(testutil::wait_until([&] { return testutil::read_file(run_state_file(blue)).find("\npid ") != std::string::npos; },
+					 std::chrono::seconds(10)))
+		<< "second daemon not ready: " << second->out() << second->err();
+
+	auto render = [&](const std::string &object) {
+		const result r = run({bin("orvalindwarden-stat"), "-P", "-o", object});
+		EXPECT_EQ(r.status, 0) << r.out;
+		std::ofstream(textfiles.file(object + ".prom")) << r.out;
+		return r.out;
+	};
+	const std::string both = render(shm_name()) + render(blue);
+	std::set<std::string> series;
+	std::istringstream lines(both);
+	for (std::string line; std::getline(lines, line);)
+		EXPECT_TRUE(line.starts_with("#") || series.insert(line.substr(0, line.rfind(' '))).second) << "duplicate: " << line;
+	for (const auto &[object, disc, source] : {std::tuple{shm_name(), "77", "192.0.2.1"}, std::tuple{blue, "88", "192.0.2.3"}}) {
+		const std::string up = "orvalindwarden_up{store=\"" + object + "\"} 1";
+		EXPECT_NE(both.find("\n" + up + "\n"), std::string::npos) << both;
+		EXPECT_NE(both.find(std::string(",discriminator=\"") + disc + "\",source=\"" + source + "\","), std::string::npos);
+	}
+	if (testutil::run("command -v promtool >/dev/null") == 0) {
+		EXPECT_EQ(testutil::run("cd " + textfiles.path() + " && for f in *.prom; do promtool check metrics < \"$f\" || exit 1; done"), 0);
+	}
+
+	if (testutil::run("command -v prometheus-node-exporter >/dev/null") != 0) {
+		std::cout << "prometheus-node-exporter not installed: the two files checked side by side only\n";
+	} else {
+		testutil::child_process exporter({"ip", "netns", "exec", ns_d, "prometheus-node-exporter", "--web.listen-address=127.0.0.1:9100",
+						  "--collector.disable-defaults", "--collector.textfile",
+						  "--collector.textfile.directory=" + textfiles.path()});
+		std::string page;
+		auto scrape = [&] {
+			const unique_fd s{netnsSocketAt(AF_INET, SOCK_STREAM, 0, ns_d.c_str())};
+			const sockaddr_in to{AF_INET, htons(9100), {htonl(INADDR_LOOPBACK)}, {}};
+			const timeval tv{2, 0};
+			setsockopt(s.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+			if (connect(s.get(), reinterpret_cast<const sockaddr *>(&to), sizeof to) != 0)
+				return false;
+			const std::string get = "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+			if (send(s.get(), get.data(), get.size(), 0) != static_cast<ssize_t>(get.size()))
+				return false;
+			page.clear();
+			char buf[65536];
+			for (ssize_t n; (n = recv(s.get(), buf, sizeof buf, 0)) > 0;)
+				page.append(buf, static_cast<std::size_t>(n));
+			return page.starts_with("HTTP/1.0 200") || page.starts_with("HTTP/1.1 200");
+		};
+		ASSERT_TRUE(testutil::wait_until(scrape, std::chrono::seconds(10))) << exporter.err() << page;
+		EXPECT_NE(page.find("\nnode_textfile_scrape_error 0\n"), std::string::npos) << page;
+		for (const std::string &object : {shm_name(), blue})
+			EXPECT_NE(page.find("\norvalindwarden_up{store=\"" + object + "\"} 1\n"), std::string::npos) << page;
+		EXPECT_NE(page.find("\norvalindwarden_session_received_total{address=\"192.0.2.2\",discriminator=\"4242\",store=\"" +
+				    shm_name() + "\"} 1\n"),
+			  std::string::npos)
+			<< page;
+	}
+
+	const std::string second_pid = std::to_string(second->pid());
+	second.reset();  // SIGKILL: the store and the run-state file stay
+	const std::string down = render(blue);
+	EXPECT_NE(down.find("\norvalindwarden_up{store=\"" + blue + "\"} 0\n"), std::string::npos) << down;
+	EXPECT_NE(down.find("\norvalindwarden_info{store=\"" + blue + "\",version=\"" ORV_VERSION "\"} 1\n"), std::string::npos) << down;
+	const result r = run({bin("orvalindwarden-stat"), "-o", blue});
+	EXPECT_TRUE(r.status == 0 && r.has("\ndaemon: none holds the store\nconfiguration: unknown (stale run-state file: pid " +
+					    second_pid + " is not running)\n")) << r.out;
+}
+
+// --delta: changes since the caller's last call, kept in its history file
+// (given, or under $XDG_RUNTIME_DIR); --reset a new baseline, printing
+// nothing; a daemon restarted without -S (counters back) noted and counted
+// from the restart.
+TEST_F(ToolsInNamespace, StatDeltaShowsChangesSinceTheLastCallAndNotesARestartWithoutPersist)
+{
+	const testutil::undo state{[this] { unlink(run_state_file(shm_name()).c_str()); }};
+	start(77, 300000);
+	ASSERT_TRUE(ask({.my_disc = 4242, .your_disc = 77}));
+	const std::string history = logs.file("h.delta");
+	// The reply may reach the initiator before the daemon counts it.
+	auto settled = [&] {
+		return testutil::wait_until([&] {
+			const reflector_shm st = store();
+			return st.tx_sends == st.rx_valid_pkts;
+		});
+	};
+	auto delta = [&](const std::vector<std::string> &more = {}, const std::vector<std::string> &env = {}) {
+		EXPECT_TRUE(settled());
+		std::vector<std::string> argv = {bin("orvalindwarden-stat"), "-o", shm_name(), "--delta", "--json"};
+		argv.insert(argv.end(), more.begin(), more.end());
+		const result r = run(argv, env);
+		EXPECT_EQ(r.status, 0) << r.out;
+		return r.status == 0 ? nlohmann::json::parse(r.out) : nlohmann::json{};
+	};
+	ASSERT_TRUE(settled());
+	result r = run({bin("orvalindwarden-stat"), "-o", shm_name(), "--reset", "--history", history});
+	EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	for (std::uint32_t disc : {4242u, 4343u})
+		ASSERT_TRUE(ask({.my_disc = disc, .your_disc = 77}));
+	auto doc = delta({"--history", history});
+	EXPECT_EQ(std::tuple(doc["counters"]["rx_valid_pkts"], doc["counters"]["tx_sends"], doc["notes"].size(), doc["sessions"][0]["received"],
+			     doc["sessions"][0]["new"], doc["sessions"][1]["received"], doc["sessions"][1]["new"]),
+		  std::tuple(2, 2, 0u, 1, true, 1, false));
+	doc = delta({"--history", history});
+	EXPECT_EQ(std::tuple(doc["counters"]["rx_valid_pkts"], doc["sessions"][0]["received"]), std::tuple(0, 0));
+
+	start(77, 300000);  // without -S: the store starts from zero
+	ASSERT_TRUE(ask({.my_disc = 4242, .your_disc = 77}));
+	doc = delta({"--history", history});
+	EXPECT_EQ(std::tuple(doc["counters"]["rx_valid_pkts"], doc["notes"].size(), doc["sessions"].size(), doc["sessions_gone"]),
+		  std::tuple(1, 1u, 1u, 1));
+	const std::string note = doc["notes"][0];
+	EXPECT_TRUE(note.starts_with("counters went back (tx_sends 3 -> 1, rx_valid_pkts 3 -> 1)")) << note;
+
+	// The default file, made under $XDG_RUNTIME_DIR with its directory.
+	const std::vector<std::string> env = {"XDG_RUNTIME_DIR=" + logs.path()};
+	doc = delta({}, env);
+	EXPECT_EQ(doc["notes"][0], "no baseline: counts since the store was made");
+	EXPECT_NE(testutil::read_file(logs.file("orvalindwarden-stat/" + shm_name() + ".delta")).find("\nobject " + shm_name() + "\n"),
+		  std::string::npos);
+	EXPECT_EQ(delta({}, env)["notes"].size(), 0u);
 }
 
 // Each tool prints its name and the project's version, and nothing else.

@@ -3,12 +3,15 @@
 // store. Layout and rules are described in shmstat.h.
 #include "shmstat.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cerrno>
 #include <cstdarg>
 #include <cinttypes>
@@ -18,6 +21,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "runstate.h"
+#include "shmhist.h"
 #include "unique_fd.h"
 #include "wire.h"
 
@@ -285,6 +290,7 @@ shmstat_status shmstat_read(const std::string &name, shmstat_snapshot *snap, std
 		snap->stable = std::memcmp(&snap->store, second.get(), SHM_SIZE) == 0;
 	}
 	snap->taken = now_realtime();
+	snap->inode = st.st_ino;
 
 	std::string why;
 	if (!shmstat_plausible(snap->store, snap->stable, &why)) {
@@ -361,21 +367,202 @@ std::vector<std::uint32_t> shmstat_sessions(const reflector_shm &store)
 	return v;
 }
 
+std::uint64_t shmstat_detect_time_us(const reflector_session &s)
+{
+	return std::max(std::uint64_t(s.detect_multiplier) * s.desired_min_tx, SHMSTAT_SILENT_FLOOR_US);
+}
+
+bool shmstat_silent(const reflector_session &s, const shm_timestamp &now)
+{
+	// In 128 bits: hostile time stamps may lie anywhere in 64 bits of seconds.
+	const __int128 age_ns = (__int128(now.tv_sec) - s.last_rx.tv_sec) * NSEC_PER_SEC + (now.tv_nsec - s.last_rx.tv_nsec);
+	return age_ns > __int128(shmstat_detect_time_us(s)) * 1000;
+}
+
+bool shmstat_maps_hold(std::string_view maps, const std::string &path, std::uint64_t inode)
+{
+	// A line: "start-end perms offset dev inode   path", the path running to
+	// the end of the line (it may hold spaces).
+	while (!maps.empty()) {
+		std::size_t eol = maps.find('\n');
+		std::string_view line = maps.substr(0, eol);
+		maps = eol == std::string_view::npos ? std::string_view{} : maps.substr(eol + 1);
+		std::string_view field[5];
+		bool whole = true;
+		for (auto &f : field) {
+			std::size_t end = line.find(' ');
+			if (end == std::string_view::npos) {
+				whole = false;
+				break;
+			}
+			f = line.substr(0, end);
+			line.remove_prefix(end);
+			line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+		}
+		if (!whole || line != path || field[1].size() != 4 || field[1].substr(0, 2) != "rw" || field[1][3] != 's')
+			continue;
+		std::uint64_t ino = 0;
+		const char *first = field[4].data(), *last = first + field[4].size();
+		auto [end, ec] = std::from_chars(first, last, ino);
+		if (ec == std::errc{} && end == last && ino == inode)
+			return true;
+	}
+	return false;
+}
+
+namespace {
+
+enum class maps_read { holds, not_held, unreadable };
+
+maps_read pid_maps_hold(long pid, const std::string &path, std::uint64_t inode)
+{
+	unique_fd fd{open(("/proc/" + std::to_string(pid) + "/maps").c_str(), O_RDONLY | O_CLOEXEC)};
+	if (fd.get() < 0)
+		return errno == EACCES || errno == EPERM ? maps_read::unreadable : maps_read::not_held;
+	std::string text;
+	char buf[65536];
+	for (ssize_t n; (n = read(fd.get(), buf, sizeof buf)) != 0;) {
+		if (n < 0) {
+			if (errno == EINTR)
+				continue;
+			return errno == EACCES || errno == EPERM ? maps_read::unreadable : maps_read::not_held;
+		}
+		text.append(buf, std::size_t(n));
+		// Check whole lines as they come: a large process's maps need not be held at once.
+		std::size_t cut = text.rfind('\n');
+		if (cut != std::string::npos) {
+			if (shmstat_maps_hold(std::string_view(text).substr(0, cut + 1), path, inode))
+				return maps_read::holds;
+			text.erase(0, cut + 1);
+		}
+	}
+	return shmstat_maps_hold(text, path, inode) ? maps_read::holds : maps_read::not_held;
+}
+
+}  // namespace
+
+long shmstat_find_holder(const std::string &name, const shmstat_snapshot &snap, long hint)
+{
+	const std::string path = "/dev/shm/" + name;
+	if (hint > 0) {
+		switch (pid_maps_hold(hint, path, snap.inode)) {
+		case maps_read::holds: return hint;
+		case maps_read::unreadable:
+			// Another user's process: alive is the best proof at hand.
+			if (kill(pid_t(hint), 0) == 0 || errno == EPERM)
+				return hint;
+			break;
+		case maps_read::not_held: break;
+		}
+	}
+	std::unique_ptr<DIR, int (*)(DIR *)> proc{opendir("/proc"), closedir};
+	if (!proc)
+		return 0;
+	const long self = getpid();
+	while (const dirent *e = readdir(proc.get())) {
+		char *end = nullptr;
+		long pid = std::strtol(e->d_name, &end, 10);
+		if (end == e->d_name || *end != '\0' || pid <= 0 || pid == self || pid == hint)
+			continue;
+		if (pid_maps_hold(pid, path, snap.inode) == maps_read::holds)
+			return pid;
+	}
+	return 0;
+}
+
+shmstat_daemon shmstat_probe_daemon(const std::string &name, const shmstat_snapshot &snap, const char *state_path)
+{
+	shmstat_daemon d;
+	char path[512];
+	if (state_path == nullptr) {
+		if (run_state_path(path, sizeof path, name.c_str()) != 0) {
+			d.pid = shmstat_find_holder(name, snap, 0);
+			d.config_unknown = "no run-state file name for this store";
+			return d;
+		}
+		state_path = path;
+	}
+	run_state rs{};
+	errno = 0;
+	const int status = run_state_read(state_path, &rs);
+	const int read_errno = errno;
+	d.pid = shmstat_find_holder(name, snap, status == RUN_STATE_OK ? rs.pid : 0);
+	if (status == RUN_STATE_ERR_SYSTEM && read_errno == ENOENT) {
+		d.config_unknown = "no run-state file " + std::string(state_path);
+	} else if (status == RUN_STATE_ERR_SYSTEM) {
+		d.config_unknown = "run-state file " + std::string(state_path) + " unreadable: " + std::strerror(read_errno);
+	} else if (status != RUN_STATE_OK) {
+		d.config_unknown = "run-state file " + std::string(state_path) + " unreadable: " + run_state_status_name(status);
+	} else if (d.pid != rs.pid) {
+		// A daemon killed leaves its file behind; the pid may live on in another process.
+		d.config_unknown = "stale run-state file: pid " + std::to_string(rs.pid) +
+				   (d.pid > 0 ? " does not hold the store" : " is not running");
+	} else {
+		d.config_known = true;
+		d.config = {rs.discriminator, rs.source_ip, rs.min_rx, rs.admin_down != 0, {rs.since_sec, rs.since_nsec},
+			    {rs.started_sec, rs.started_nsec}};
+	}
+	return d;
+}
+
+namespace {
+
+// "2024-06-01 12:00:00 +0200", local time.
+std::string local_time_text(const shm_timestamp &t)
+{
+	char when[64];
+	time_t tt = time_t(t.tv_sec);
+	tm lt{};
+	if (localtime_r(&tt, &lt) == nullptr || strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S %z", &lt) == 0)
+		return std::to_string(t.tv_sec);
+	return when;
+}
+
+// The sessions a rendering lists: all in use, or the silent ones only.
+std::vector<std::uint32_t> listed_sessions(const shmstat_snapshot &snap, const shmstat_view &view,
+					   std::size_t *in_use, std::size_t *silent)
+{
+	std::vector<std::uint32_t> all = shmstat_sessions(snap.store), shown;
+	*in_use = all.size();
+	*silent = 0;
+	for (std::uint32_t k : all) {
+		bool quiet = shmstat_silent(snap.store.sessions[k], snap.taken);
+		*silent += quiet;
+		if (quiet || !view.silent_only)
+			shown.push_back(k);
+	}
+	return shown;
+}
+
+// The daemon line and the configuration line of the text report.
+std::string daemon_text(const shmstat_daemon &d, const shm_timestamp &now)
+{
+	std::string out = d.pid > 0 ? "daemon: pid " + std::to_string(d.pid) : std::string("daemon: none holds the store");
+	if (d.pid > 0 && d.config_known)
+		out += ", started " + local_time_text(d.config.started) + " (" + age_text(d.config.started, now) + " ago)";
+	out += "\nconfiguration: ";
+	if (!d.config_known)
+		return out + "unknown" + (d.config_unknown.empty() ? "" : " (" + d.config_unknown + ")") + "\n";
+	const shmstat_config &c = d.config;
+	return out + "discriminator " + std::to_string(c.discriminator) + ", source " + ipv4_dotted(c.source_ip).text +
+	       ", min_rx " + std::to_string(c.min_rx) + "us, " + (c.admin_down ? "admin down" : "admin up") +
+	       ", since " + local_time_text(c.since) + " (" + age_text(c.since, now) + " ago)\n";
+}
+
+}  // namespace
+
 std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string &name,
-				const shmstat_snapshot *prev)
+				const shmstat_snapshot *prev, const shmstat_view &view)
 {
 	const reflector_shm &st = snap.store;
 	double dt = prev ? seconds_since(prev->taken, snap.taken) : 0;
 	bool rates = prev && dt > 0;
 	std::string out;
 
-	// Title: object and time of the copy.
-	char when[64];
-	time_t t = snap.taken.tv_sec;
-	tm lt{};
-	localtime_r(&t, &lt);
-	strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S %z", &lt);
-	out += "store " + name + " at " + when + (snap.stable ? "" : " (copy taken while the daemon wrote)") + "\n";
+	// Title: object and time of the copy; then who holds it, with what.
+	out += "store " + name + " at " + local_time_text(snap.taken) +
+	       (snap.stable ? "" : " (copy taken while the daemon wrote)") + "\n";
+	out += daemon_text(view.daemon, snap.taken);
 
 	// Counters, group by group, in one table so that the columns line up.
 	text_table ct;
@@ -407,18 +594,21 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 	out += "\n" + ct.render();
 
 	// Sessions, most recently heard first.
-	std::vector<std::uint32_t> slots = shmstat_sessions(st);
-	out += "\nSessions in use: " + std::to_string(slots.size()) + " of " + std::to_string(MAX_SESSIONS) +
+	std::size_t in_use, silent;
+	std::vector<std::uint32_t> slots = listed_sessions(snap, view, &in_use, &silent);
+	out += "\nSessions in use: " + std::to_string(in_use) + " of " + std::to_string(MAX_SESSIONS) + ", " +
+	       std::to_string(silent) + " silent" + (view.silent_only ? "; the silent ones" : "") +
 	       ", most recently heard first\n";
 	if (slots.empty())
 		return out;
 	text_table tb;
-	tb.head = {"DISCRIMINATOR", "ADDRESS:PORT", "STATE", "CHANGED", "LAST RX", "RECEIVED", "SENT",
-		   "GAP MIN/AVG/MAX", "REPLY", "DIAG"};
-	tb.right = {true, false, false, true, true, true, true, false, false, false};
+	tb.head = {"DISCRIMINATOR", "ADDRESS:PORT", "STATE", "CHANGED", "LAST RX", "DETECT", "SILENT", "RECEIVED",
+		   "SENT", "GAP MIN/AVG/MAX", "REPLY", "DIAG"};
+	tb.right = {true, false, false, true, true, true, false, true, true, false, false, false};
+	constexpr std::size_t RATE_COLUMN = 9;  // the rates go after SENT
 	if (rates) {
-		tb.head.insert(tb.head.begin() + 7, {"RX/S", "TX/S"});
-		tb.right.insert(tb.right.begin() + 7, {true, true});
+		tb.head.insert(tb.head.begin() + RATE_COLUMN, {"RX/S", "TX/S"});
+		tb.right.insert(tb.right.begin() + RATE_COLUMN, {true, true});
 	}
 	for (std::uint32_t k : slots) {
 		const reflector_session &s = st.sessions[k];
@@ -432,6 +622,8 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 			bfd_state_name(s.state),
 			age_text(s.last_state_change, snap.taken),
 			age_text(s.last_rx, snap.taken),
+			gap_text(shmstat_detect_time_us(s)),
+			shmstat_silent(s, snap.taken) ? "yes" : "no",
 			std::to_string(s.num_received),
 			std::to_string(s.num_sent),
 			gaps,
@@ -441,7 +633,7 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 		if (rates) {
 			const reflector_session &p = prev->store.sessions[k];
 			bool same = p.discriminator == s.discriminator && p.source_ip == s.source_ip;
-			row.insert(row.begin() + 7,
+			row.insert(row.begin() + RATE_COLUMN,
 				   {same ? printf_string("%.1f", double(s.num_received - p.num_received) / dt) : "-",
 				    same ? printf_string("%.1f", double(s.num_sent - p.num_sent) / dt) : "-"});
 		}
@@ -466,9 +658,29 @@ nlohmann::ordered_json age_json(const shm_timestamp &t, const shm_timestamp &now
 	return seconds_since(t, now);
 }
 
+// The daemon and its configuration, as fields of `doc`.
+void daemon_json(nlohmann::ordered_json &doc, const shmstat_daemon &d, const shm_timestamp &now)
+{
+	using nlohmann::ordered_json;
+	doc["daemon"] = {{"up", d.pid > 0}, {"pid", d.pid > 0 ? ordered_json(d.pid) : ordered_json(nullptr)}};
+	if (d.config_known) {
+		const shmstat_config &c = d.config;
+		doc["config"] = {{"discriminator", c.discriminator},
+				 {"source", ipv4_dotted(c.source_ip).text},
+				 {"min_rx_us", c.min_rx},
+				 {"admin_down", c.admin_down},
+				 {"since", ts_json(c.since)},
+				 {"since_age_s", age_json(c.since, now)},
+				 {"started", ts_json(c.started)}};
+	} else {
+		doc["config"] = nullptr;
+		doc["config_unknown"] = d.config_unknown.empty() ? "unknown" : d.config_unknown;
+	}
+}
+
 }  // namespace
 
-std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string &name)
+std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string &name, const shmstat_view &view)
 {
 	using nlohmann::ordered_json;
 	const reflector_shm &st = snap.store;
@@ -476,6 +688,7 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 	doc["object"] = name;
 	doc["taken"] = ts_json(snap.taken);
 	doc["consistent"] = snap.stable;
+	daemon_json(doc, view.daemon, snap.taken);
 	const std::pair<shmstat_group, const char *> groups[] = {
 		{shmstat_group::global, "counters"},
 		{shmstat_group::hash, "hash"},
@@ -489,8 +702,11 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 				obj[c.name] = shmstat_counter_value(c, st);
 		doc[key] = obj;
 	}
-	std::vector<std::uint32_t> slots = shmstat_sessions(st);
-	doc["sessions_in_use"] = slots.size();
+	std::size_t in_use, silent;
+	std::vector<std::uint32_t> slots = listed_sessions(snap, view, &in_use, &silent);
+	doc["sessions_in_use"] = in_use;
+	doc["sessions_silent"] = silent;
+	doc["silent_only"] = view.silent_only;
 	ordered_json sessions = ordered_json::array();
 	for (std::uint32_t k : slots) {
 		const reflector_session &s = st.sessions[k];
@@ -506,6 +722,8 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 		j["state_age_s"] = age_json(s.last_state_change, snap.taken);
 		j["last_rx"] = ts_json(s.last_rx);
 		j["last_rx_age_s"] = age_json(s.last_rx, snap.taken);
+		j["detect_time_us"] = shmstat_detect_time_us(s);
+		j["silent"] = shmstat_silent(s, snap.taken);
 		j["num_received"] = s.num_received;
 		j["num_sent"] = s.num_sent;
 		j["min_period_us"] = s.min_period;
@@ -533,16 +751,153 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 		sessions.push_back(j);
 	}
 	doc["sessions"] = sessions;
-	return doc.dump(2) + "\n";
+	return doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
+}
+
+std::string shmstat_format_delta_text(const shmhist_delta &d, const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view)
+{
+	const reflector_shm &st = snap.store;
+	const bool rates = d.seconds > 0;
+	std::string out = "store " + name + " at " + local_time_text(snap.taken) +
+			  (snap.stable ? "" : " (copy taken while the daemon wrote)") + ", changes since " +
+			  (d.have_base ? local_time_text(d.since) + printf_string(" (%.1f s)", d.seconds)
+				       : std::string("the store was made")) +
+			  "\n";
+	for (const std::string &n : d.notes)
+		out += "note: " + n + "\n";
+	out += daemon_text(view.daemon, snap.taken);
+
+	// Counters that add up; the per-period hash counters have no change to show.
+	text_table ct;
+	ct.head = {"COUNTER", "CHANGE"};
+	ct.right = {false, true};
+	if (rates) {
+		ct.head.push_back("PER SECOND");
+		ct.right.push_back(true);
+	}
+	for (shmstat_group g : {shmstat_group::global, shmstat_group::rx_error, shmstat_group::tx_error}) {
+		ct.rows.push_back({group_title(g)});
+		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++) {
+			if (SHMSTAT_COUNTERS[i].group != g)
+				continue;
+			ct.rows.push_back({"  " + std::string(SHMSTAT_COUNTERS[i].name), std::to_string(d.counters[i])});
+			if (rates)
+				ct.rows.back().push_back(printf_string("%.1f", double(d.counters[i]) / d.seconds));
+		}
+	}
+	out += "\n" + ct.render();
+
+	std::size_t silent = 0;
+	for (const auto &s : d.sessions)
+		silent += shmstat_silent(st.sessions[s.slot], snap.taken);
+	out += "\nSessions in use: " + std::to_string(d.sessions.size()) + " of " + std::to_string(MAX_SESSIONS) +
+	       ", " + std::to_string(silent) + " silent, " + std::to_string(d.gone) + " gone since then" +
+	       (view.silent_only ? "; the silent ones" : "") + ", most recently heard first\n";
+	text_table tb;
+	tb.head = {"DISCRIMINATOR", "ADDRESS:PORT", "STATE", "LAST RX", "DETECT", "SILENT", "RECEIVED", "SENT"};
+	tb.right = {true, false, false, true, true, false, true, true};
+	if (rates) {
+		tb.head.insert(tb.head.end(), {"RX/S", "TX/S"});
+		tb.right.insert(tb.right.end(), {true, true});
+	}
+	tb.head.push_back("NOTE");
+	tb.right.push_back(false);
+	for (const auto &ds : d.sessions) {
+		const reflector_session &s = st.sessions[ds.slot];
+		const bool quiet = shmstat_silent(s, snap.taken);
+		if (view.silent_only && !quiet)
+			continue;
+		std::vector<std::string> row = {std::to_string(s.discriminator),
+						ipv4_dotted(s.source_ip).text + std::string(":") + std::to_string(s.source_port),
+						bfd_state_name(s.state),
+						age_text(s.last_rx, snap.taken),
+						gap_text(shmstat_detect_time_us(s)),
+						quiet ? "yes" : "no",
+						std::to_string(ds.received),
+						std::to_string(ds.sent)};
+		if (rates)
+			row.insert(row.end(), {printf_string("%.1f", double(ds.received) / d.seconds),
+					       printf_string("%.1f", double(ds.sent) / d.seconds)});
+		row.push_back(ds.fresh ? "new" : "");
+		tb.rows.push_back(row);
+	}
+	if (!tb.rows.empty())
+		out += tb.render();
+	return out;
+}
+
+std::string shmstat_format_delta_json(const shmhist_delta &d, const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view)
+{
+	using nlohmann::ordered_json;
+	const reflector_shm &st = snap.store;
+	ordered_json doc;
+	doc["object"] = name;
+	doc["taken"] = ts_json(snap.taken);
+	doc["consistent"] = snap.stable;
+	doc["since"] = d.have_base ? ts_json(d.since) : ordered_json(nullptr);
+	doc["interval_s"] = d.have_base ? ordered_json(d.seconds) : ordered_json(nullptr);
+	doc["notes"] = d.notes;
+	daemon_json(doc, view.daemon, snap.taken);
+	const std::pair<shmstat_group, const char *> groups[] = {
+		{shmstat_group::global, "counters"},
+		{shmstat_group::rx_error, "rx_errors"},
+		{shmstat_group::tx_error, "tx_errors"},
+	};
+	for (const auto &[g, key] : groups) {
+		ordered_json obj = ordered_json::object();
+		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++)
+			if (SHMSTAT_COUNTERS[i].group == g)
+				obj[SHMSTAT_COUNTERS[i].name] = d.counters[i];
+		doc[key] = obj;
+	}
+	std::size_t silent = 0;
+	ordered_json sessions = ordered_json::array();
+	for (const auto &ds : d.sessions) {
+		const reflector_session &s = st.sessions[ds.slot];
+		const bool quiet = shmstat_silent(s, snap.taken);
+		silent += quiet;
+		if (view.silent_only && !quiet)
+			continue;
+		sessions.push_back({{"slot", ds.slot},
+				    {"discriminator", s.discriminator},
+				    {"address", ipv4_dotted(s.source_ip).text},
+				    {"port", s.source_port},
+				    {"last_rx_age_s", age_json(s.last_rx, snap.taken)},
+				    {"detect_time_us", shmstat_detect_time_us(s)},
+				    {"silent", quiet},
+				    {"received", ds.received},
+				    {"sent", ds.sent},
+				    {"new", ds.fresh}});
+	}
+	doc["sessions_in_use"] = d.sessions.size();
+	doc["sessions_silent"] = silent;
+	doc["sessions_gone"] = d.gone;
+	doc["silent_only"] = view.silent_only;
+	doc["sessions"] = sessions;
+	return doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";
 }
 
 namespace {
 
 constexpr const char *PROM_PREFIX = "orvalindwarden_";
 
+// HELP and TYPE lines of the family PROM_PREFIX + `name`.
 void prom_family(std::string &out, const std::string &name, const char *type, const std::string &help)
 {
-	out += "# HELP " + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+	const std::string metric = PROM_PREFIX + name;
+	out += "# HELP " + metric + " " + help + "\n# TYPE " + metric + " " + type + "\n";
+}
+
+// `v` as the text format wants a label value: backslash, double quote and
+// line feed escaped. Store names come from NSPATH and may hold any of them.
+std::string prom_label_value(const std::string &v)
+{
+	std::string out;
+	for (char c : v)
+		out += c == '\\' ? "\\\\" : c == '"' ? "\\\"" : c == '\n' ? "\\n" : std::string(1, c);
+	return out;
 }
 
 std::string prom_double(double v) { return printf_string("%.9g", v); }
@@ -555,61 +910,110 @@ std::string prom_time(const shm_timestamp &t)
 
 }  // namespace
 
-std::string shmstat_format_prometheus(const shmstat_snapshot &snap)
+std::string shmstat_format_prometheus(const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view)
 {
 	const reflector_shm &st = snap.store;
+	const std::string store = "store=\"" + prom_label_value(name) + "\"";
 	std::string out;
+	auto sample = [&](const std::string &metric, const std::string &labels, const std::string &value) {
+		out += PROM_PREFIX + metric + "{" + store + labels + "} " + value + "\n";
+	};
+
+	// Whether a daemon holds the store, and with what.
+	const shmstat_daemon &d = view.daemon;
+	prom_family(out, "up", "gauge", "Whether a running daemon holds the store (1) or not (0).");
+	sample("up", "", d.pid > 0 ? "1" : "0");
+	std::string info;
+	if (!view.version.empty())
+		info += ",version=\"" + prom_label_value(view.version) + "\"";
+	if (d.config_known)
+		info += ",discriminator=\"" + std::to_string(d.config.discriminator) + "\",source=\"" +
+			ipv4_dotted(d.config.source_ip).text + "\",min_rx=\"" + std::to_string(d.config.min_rx) +
+			"\",admin_down=\"" + (d.config.admin_down ? "1" : "0") + "\"";
+	prom_family(out, "info", "gauge",
+		    "Version of the tool and the daemon's running configuration as labels, when known (always 1).");
+	sample("info", info, "1");
+	if (d.config_known) {
+		prom_family(out, "start_time_seconds", "gauge", "Time the daemon started.");
+		sample("start_time_seconds", "", prom_time(d.config.started));
+		prom_family(out, "config_since_timestamp_seconds", "gauge",
+			    "Time the running configuration took effect.");
+		sample("config_since_timestamp_seconds", "", prom_time(d.config.since));
+	}
 
 	// Header counters: cumulative ones as counters, the per-period hash
-	// counters (reset every 512 valid packets) as gauges.
+	// counters (reset every 512 valid packets) as gauges, and the error
+	// counters as one family per direction labelled by reason.
 	for (const auto &c : SHMSTAT_COUNTERS) {
-		bool cumulative = c.group != shmstat_group::hash;
-		std::string metric = PROM_PREFIX + std::string(c.name) + (cumulative ? "_total" : "");
-		prom_family(out, metric, cumulative ? "counter" : "gauge", c.help);
-		out += metric + " " + std::to_string(shmstat_counter_value(c, st)) + "\n";
+		if (c.group == shmstat_group::global || c.group == shmstat_group::hash) {
+			bool cumulative = c.group != shmstat_group::hash;
+			std::string metric = c.name + std::string(cumulative ? "_total" : "");
+			prom_family(out, metric, cumulative ? "counter" : "gauge", c.help);
+			sample(metric, "", std::to_string(shmstat_counter_value(c, st)));
+		}
 	}
-	std::vector<std::uint32_t> slots = shmstat_sessions(st);
-	prom_family(out, std::string(PROM_PREFIX) + "sessions_in_use", "gauge",
-		    "Session slots in use, of 512.");
-	out += std::string(PROM_PREFIX) + "sessions_in_use " + std::to_string(slots.size()) + "\n";
+	for (const auto &[g, metric, help] :
+	     {std::tuple{shmstat_group::rx_error, "rx_errors_total", "Received frames rejected, by reason."},
+	      std::tuple{shmstat_group::tx_error, "tx_errors_total", "Replies not sent whole, by reason."}}) {
+		prom_family(out, metric, "counter", help);
+		for (const auto &c : SHMSTAT_COUNTERS)
+			if (c.group == g)
+				sample(metric, ",reason=\"" + std::string(c.name) + "\"",
+				       std::to_string(shmstat_counter_value(c, st)));
+	}
+	std::size_t in_use, silent;
+	std::vector<std::uint32_t> slots = listed_sessions(snap, view, &in_use, &silent);
+	prom_family(out, "sessions_in_use", "gauge", "Session slots in use, of 512.");
+	sample("sessions_in_use", "", std::to_string(in_use));
+	prom_family(out, "sessions_silent", "gauge",
+		    "Sessions whose last request is older than the detection time their initiator announced.");
+	sample("sessions_silent", "", std::to_string(silent));
 
 	// Per-session families, one series per session in each.
 	struct family {
 		const char *name;
 		const char *type;
 		const char *help;
-		std::string (*value)(const reflector_session &s);
+		std::string (*value)(const reflector_session &s, const shm_timestamp &now);
 	};
 	static const family families[] = {
 		{"session_received_total", "counter", "Requests received from the initiator.",
-		 [](const reflector_session &s) { return std::to_string(s.num_received); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return std::to_string(s.num_received); }},
 		{"session_sent_total", "counter", "Replies sent to the initiator.",
-		 [](const reflector_session &s) { return std::to_string(s.num_sent); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return std::to_string(s.num_sent); }},
 		{"session_state", "gauge", "State of the last request (0 AdminDown, 1 Down, 2 Init, 3 Up).",
-		 [](const reflector_session &s) { return std::to_string(s.state); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return std::to_string(s.state); }},
+		{"session_silent", "gauge",
+		 "Whether the last request is older than the announced detection time (Detect Mult x Desired Min TX, at least 1 s).",
+		 [](const reflector_session &s, const shm_timestamp &now) { return std::string(shmstat_silent(s, now) ? "1" : "0"); }},
+		{"session_detect_time_seconds", "gauge",
+		 "Detection time the initiator announced (Detect Mult x Desired Min TX, at least 1 s).",
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_double(double(shmstat_detect_time_us(s)) / 1e6); }},
 		{"session_last_rx_timestamp_seconds", "gauge", "Time of the last request.",
-		 [](const reflector_session &s) { return prom_time(s.last_rx); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_time(s.last_rx); }},
 		{"session_last_state_change_timestamp_seconds", "gauge",
 		 "Time of the first request or of the last change of received state.",
-		 [](const reflector_session &s) { return prom_time(s.last_state_change); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_time(s.last_state_change); }},
 		{"session_gap_min_seconds", "gauge", "Smallest gap between two requests (0 until known).",
-		 [](const reflector_session &s) { return prom_double(double(s.min_period) / 1e6); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_double(double(s.min_period) / 1e6); }},
 		{"session_gap_avg_seconds", "gauge", "Mean gap between requests.",
-		 [](const reflector_session &s) { return prom_double(double(shm_avg_period(s)) / 1e6); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_double(double(shm_avg_period(s)) / 1e6); }},
 		{"session_gap_max_seconds", "gauge", "Largest gap between two requests.",
-		 [](const reflector_session &s) { return prom_double(double(s.max_period) / 1e6); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return prom_double(double(s.max_period) / 1e6); }},
 		{"session_tx_state", "gauge", "State sent in the last reply (0 AdminDown, 3 Up).",
-		 [](const reflector_session &s) { return std::to_string(s.tx_state); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return std::to_string(s.tx_state); }},
 		{"session_tx_diag", "gauge", "Diagnostic sent in the last reply (7: administratively down).",
-		 [](const reflector_session &s) { return std::to_string(s.tx_diag); }},
+		 [](const reflector_session &s, const shm_timestamp &) { return std::to_string(s.tx_diag); }},
 	};
 	for (const auto &f : families) {
-		std::string metric = PROM_PREFIX + std::string(f.name);
-		prom_family(out, metric, f.type, f.help);
+		prom_family(out, f.name, f.type, f.help);
 		for (std::uint32_t k : slots) {
 			const reflector_session &s = st.sessions[k];
-			out += metric + "{discriminator=\"" + std::to_string(s.discriminator) + "\",address=\"" +
-			       ipv4_dotted(s.source_ip).text + "\"} " + f.value(s) + "\n";
+			sample(f.name,
+			       ",discriminator=\"" + std::to_string(s.discriminator) + "\",address=\"" +
+				       ipv4_dotted(s.source_ip).text + "\"",
+			       f.value(s, snap.taken));
 		}
 	}
 	return out;

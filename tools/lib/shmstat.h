@@ -1,7 +1,8 @@
 // shmstat.h -- reader of the reflector's shared session store for operators:
 // takes a private, consistent copy of the store, decides whether the object
 // can be a store at all, and renders counters and sessions as an aligned
-// text report, a JSON document or the node_exporter textfile format.
+// text report, a JSON document or the node_exporter textfile format; finds
+// the daemon that holds a store and flags initiators gone silent.
 //
 // The store's byte layout is the one of store.h (reflector_shm); this
 // reader never writes it. The daemon updates the store with plain stores and
@@ -30,6 +31,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "store.h"
@@ -45,11 +47,14 @@ enum shmstat_status : int {
 };
 const char *shmstat_status_name(shmstat_status status);
 
+struct shmhist_delta;  // shmhist.h
+
 // A private copy of the store and when it was taken.
 struct shmstat_snapshot {
 	reflector_shm store;  // copy of the whole region
 	shm_timestamp taken;  // CLOCK_REALTIME when the copy was taken
 	bool stable;          // two successive copies were identical
+	std::uint64_t inode;  // the object's inode in /dev/shm (0: not read from an object)
 };
 
 // Kinds of the header counters, in the order the reports show them.
@@ -94,16 +99,100 @@ bool shmstat_plausible(const reflector_shm &store, bool cross, std::string *why)
 // equal times keep ascending slot order.
 std::vector<std::uint32_t> shmstat_sessions(const reflector_shm &store);
 
-// Text report: header counters, error counters and a table of the sessions.
-// With `prev` (an earlier snapshot of the same store) every counter and
-// each session's received and sent counts get a per-second rate.
+// ---- silent initiators ----
+//
+// An initiator announces in each request how often it sends (Desired Min TX
+// Interval) and after how many missed packets a peer may declare it gone
+// (Detect Mult; RFC 5880 section 6.8.4). A session whose last request is
+// older than that detection time is "silent": the path, the initiator or
+// its probing stopped; the reflector cannot tell which.
+
+// Floor of the detection time: requests announcing shorter intervals still
+// get this long before their session counts as silent, so that the time a
+// report takes to be read does not flag a busy session.
+constexpr std::uint64_t SHMSTAT_SILENT_FLOOR_US = 1000000;
+
+// Detection time `s` announced, us: Detect Mult x Desired Min TX, at least
+// SHMSTAT_SILENT_FLOOR_US.
+std::uint64_t shmstat_detect_time_us(const reflector_session &s);
+
+// True when the last request of `s` is older at `now` than its detection
+// time (strictly). A clock set back (last_rx after now) is not silent.
+bool shmstat_silent(const reflector_session &s, const shm_timestamp &now);
+
+// ---- the daemon behind a store ----
+
+// The daemon's running configuration as its run-state file tells it.
+struct shmstat_config {
+	std::uint32_t discriminator;  // the discriminator it answers, host order
+	std::uint32_t source_ip;      // source address of its replies, network order
+	std::uint32_t min_rx;         // Required Min RX Interval it announces, us
+	bool admin_down;              // replies say AdminDown
+	shm_timestamp since;          // when this configuration took effect, CLOCK_REALTIME
+	shm_timestamp started;        // when the daemon started, CLOCK_REALTIME
+};
+
+// Whether a daemon holds a store, and what it runs with.
+struct shmstat_daemon {
+	long pid = 0;                  // process mapping the store for writing; 0: none found
+	bool config_known = false;     // `config` is the configuration of `pid`
+	shmstat_config config{};       // valid when config_known
+	std::string config_unknown;    // why not, when !config_known ("no run-state file", ...)
+};
+
+// What a rendering shows beside the store.
+struct shmstat_view {
+	shmstat_daemon daemon;     // holder and configuration (default: none, unknown)
+	bool silent_only = false;  // list only the silent sessions (counts stay whole)
+	std::string version;       // the tool's version for orvalindwarden_info ("": no label)
+};
+
+// True when the text of a /proc/PID/maps file (`maps`) has a line mapping
+// `path` with inode `inode` shared and writable ("rw?s"), as the daemon maps
+// its store; readers map it read-only and do not count. A line naming the
+// path with " (deleted)" (an object unlinked since) does not match.
+bool shmstat_maps_hold(std::string_view maps, const std::string &path, std::uint64_t inode);
+
+// Pid of a process that maps the store `name` (whose inode is
+// `snap.inode`) for writing: `hint` first (the run-state file's pid; 0:
+// none), then every process in /proc but this one. When the maps of
+// `hint` may not be read (another user's process), `hint` counts if it is
+// alive. Returns 0 when no process holds it.
+long shmstat_find_holder(const std::string &name, const shmstat_snapshot &snap, long hint);
+
+// What is known of the daemon behind the store `name`: the process that
+// holds it (shmstat_find_holder, the run-state file's pid as hint) and,
+// when the file's pid is that process, its configuration; otherwise why
+// not ("no run-state file ...", "... unreadable ...", "stale: ..."). The
+// file is `state_path`, or when nullptr the one run_state_path names.
+shmstat_daemon shmstat_probe_daemon(const std::string &name, const shmstat_snapshot &snap,
+				    const char *state_path = nullptr);
+
+// Text report: the daemon and its configuration, header counters, error
+// counters and a table of the sessions. With `prev` (an earlier snapshot
+// of the same store) every counter and each session's received and sent
+// counts get a per-second rate.
 std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string &name,
-				const shmstat_snapshot *prev);
+				const shmstat_snapshot *prev, const shmstat_view &view = {});
 
 // The same content as one JSON document.
-std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string &name);
+std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string &name,
+				const shmstat_view &view = {});
 
-// node_exporter textfile format: HELP and TYPE per metric family, header
-// counters as counters (the per-period hash counters as gauges), and
-// per-session series labelled by discriminator and address.
-std::string shmstat_format_prometheus(const shmstat_snapshot &snap);
+// Changes since a baseline (shmhist_compare, shmhist.h) as a text report:
+// notes, counters with their change and rate, the sessions with theirs;
+// and as one JSON document. `view.silent_only` lists the silent sessions.
+std::string shmstat_format_delta_text(const shmhist_delta &d, const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view = {});
+std::string shmstat_format_delta_json(const shmhist_delta &d, const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view = {});
+
+// node_exporter textfile format, every sample labelled store="<name>":
+// orvalindwarden_up and _info first, then the header counters as counters
+// (the receive and transmit error counters as the families
+// orvalindwarden_rx_errors_total and _tx_errors_total with a `reason`
+// label, the per-period hash counters as gauges), the session gauges
+// (in use, silent) and per-session series labelled by discriminator and
+// address.
+std::string shmstat_format_prometheus(const shmstat_snapshot &snap, const std::string &name,
+				      const shmstat_view &view = {});
