@@ -10,6 +10,9 @@ packages=(
 	clang libclang-rt-14-dev
 	iproute2 tcpdump mandoc gnuplot-nox valgrind systemd
 	procps psmisc file dpkg-dev lintian
+	# promtool and node_exporter check orvalindwarden-stat's metrics; where
+	# systemd runs, apt starts their services (systemctl disable --now them)
+	prometheus prometheus-node-exporter
 )
 
 missing=()
