@@ -12,7 +12,6 @@
 #include <set>
 
 #include "e2e/e2eutil.h"
-#include "nlctl.h"
 #include "runstate.h"
 
 namespace {
@@ -86,12 +85,7 @@ TEST_F(ToolsInNamespace, CtlChangesShowInTheNextReplyAndAnUnreachableDaemonIsRep
 	std::size_t sets = 0;
 	for (std::size_t at = 0; (at = t.find("RX-Netlink: set ", at)) != std::string::npos; at++)
 		sets++;
-	EXPECT_EQ(sets, 2u) << t;
-	// Sent all the same, such a source ends the daemon.
-	std::string err;
-	ASSERT_EQ(nlctl_send(daemon->pid(), ns_d.c_str(), nlctl_encode({100, 1000, 0xc6336409, false}, 2), &err), NLCTL_OK) << err;
-	EXPECT_EQ(daemon->exit_status(), 0);
-	EXPECT_NE(trace().find("ERROR: outfd init failed, terminate to retry"), std::string::npos);
+	EXPECT_EQ(sets, 2u) << t;  // (a source the daemon cannot bind ends it: ctl_test)
 }
 
 TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelledAndLoss)
