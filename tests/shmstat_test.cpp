@@ -41,7 +41,7 @@ std::unique_ptr<shmstat_snapshot> fixed_snapshot()
 	st.rx_hash_miss = 51, st.rx_hash_hit = 250, st.rx_hash_trim = 9;
 	// Slot, discriminator, address, port; the rest is set below.
 	const std::tuple<std::uint32_t, std::uint32_t, const char *, std::uint16_t> rows[] = {
-		{511, 100, "192.0.2.10", 49153}, {300, 200, "198.51.100.7", 50000}, {510, 300, "203.0.113.5", 3785}};
+		{511, 100, "192.0.2.10", 49153}, {300, 200, "198.51.100.7", 50000}, {510, 300, "198.51.100.5", 3785}};
 	for (const auto &[slot, disc, ip, port] : rows) {
 		reflector_session &s = st.sessions[slot];
 		s.discriminator = disc, s.source_ip = inet_addr(ip), s.source_port = port;
@@ -199,13 +199,13 @@ TEST(ShmstatSilent, FlagsASessionOnlyPastItsAnnouncedDetectionTimeWithAOneSecond
 	view.silent_only = true;
 	const std::string text = shmstat_format_text(*snap, "orvalindwarden", nullptr, view);
 	EXPECT_NE(text.find("Sessions in use: 3 of 512, 2 silent; the silent ones,"), std::string::npos) << text;
-	EXPECT_EQ(text.find("203.0.113.5"), std::string::npos) << text;
+	EXPECT_EQ(text.find("198.51.100.5"), std::string::npos) << text;
 	const auto doc = nlohmann::json::parse(shmstat_format_json(*snap, "orvalindwarden", view));
 	EXPECT_EQ(std::tuple(doc["sessions_in_use"], doc["sessions_silent"], doc["sessions"].size(), doc["sessions"][0]["silent"]),
 		  std::tuple(3, 2, 2u, true));
 	const std::string prom = shmstat_format_prometheus(*snap, "orvalindwarden", view);
 	EXPECT_NE(prom.find("\norvalindwarden_sessions_silent{store=\"orvalindwarden\"} 2\n"), std::string::npos);
-	EXPECT_EQ(prom.find("address=\"203.0.113.5\""), std::string::npos);
+	EXPECT_EQ(prom.find("address=\"198.51.100.5\""), std::string::npos);
 }
 
 // Sample lines ("name{labels} value") of a rendering.
