@@ -178,6 +178,9 @@ struct reflector_vrf {
 	local_addr_table local_addrs;             // own addresses; empty while addrfd is 0
 	char state_path[RUN_STATE_PATH_MAX];      // run-state file; "": none is written
 	shm_timestamp started;                    // start of the daemon, CLOCK_REALTIME
+	shm_timestamp state_since;                // start or last accepted change, CLOCK_REALTIME
+	std::int64_t state_written_ns;            // end of the last write of the file, CLOCK_MONOTONIC ns
+	struct event *event_state;                // timer of a deferred write -> state_timer_fired
 };
 
 // Writes one record to the system log as the daemon ("SBFD_REFLECTOR", with
@@ -305,14 +308,30 @@ void dump_hash_tbl(reflector_vrf *vrf);
 
 // Read callback of the netlink socket: one datagram per call. After a
 // datagram that set the configuration (and re-created the transmit socket
-// for a new source) the run-state file is rewritten (reflector_save_state).
+// for a new source) the run-state file is rewritten (reflector_state_changed).
 void rx_netlink_ready(int fd, short what, void *arg);
 
-// Rewrites vrf->state_path (runstate.h) with reflector_cfg, our pid,
-// vrf->started and `since` as the time of the start or change. Does nothing
-// while state_path is "" (tests, fuzz targets). A failure is traced (level
-// 1) and otherwise ignored: replies do not depend on the file.
-void reflector_save_state(const reflector_vrf *vrf, const shm_timestamp &since);
+// Least time between two writes of the run-state file: a flood of control
+// datagrams costs at most 10 writes a second, whatever the file system
+// (on a disk-backed /run, a rename over the old file may start writeback and
+// hold the loop for milliseconds).
+constexpr std::int64_t RUN_STATE_GAP_NS = 100 * 1000 * 1000;  // 100 ms
+
+// Rewrites vrf->state_path (runstate.h) now with reflector_cfg, our pid,
+// vrf->started and vrf->state_since, and notes the time in
+// state_written_ns. Does nothing while state_path is "" (tests, fuzz
+// targets). A failure is traced (level 1) and otherwise ignored: replies do
+// not depend on the file.
+void reflector_save_state(reflector_vrf *vrf);
+
+// Notes a configuration accepted at `since` (CLOCK_REALTIME): rewrites the
+// file at once, or, less than RUN_STATE_GAP_NS after the last write, when
+// that gap has passed (vrf->event_state; a write already waiting takes the
+// newest values). Without the timer (not made) it writes at once.
+void reflector_state_changed(reflector_vrf *vrf, const shm_timestamp &since);
+
+// Timer callback of vrf->event_state: the deferred write.
+void state_timer_fired(int fd, short what, void *arg);
 
 // ---- reflectorRx.cpp: the reply's destination and the own addresses ----
 

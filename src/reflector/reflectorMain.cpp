@@ -150,20 +150,24 @@ void install_signal_handler()
 }
 
 // The run-state file of our store's name, with the configuration of the
-// command line and this moment as the start. Without a usable path (an
-// NSPATH that makes the name too long) the daemon runs without the file.
+// command line and this moment as the start, and the timer of the writes
+// after changes. Without a usable path (an NSPATH that makes the name too
+// long) the daemon runs without the file.
 void write_first_state(reflector_vrf *vrf)
 {
 	timespec now{};
 	clock_gettime(CLOCK_REALTIME, &now);
 	vrf->started = {now.tv_sec, now.tv_nsec};
+	vrf->state_since = vrf->started;
 	char name[SHM_NAME_LEN];
 	shm_store_name(name, std::getenv("NSPATH"));
 	if (run_state_path(vrf->state_path, sizeof vrf->state_path, name) != 0) {
 		TRACE(TRACE_ERROR, "ERROR: no run-state file for store %s: name too long", name);
 		return;
 	}
-	reflector_save_state(vrf, vrf->started);
+	// Without it, every change is written at once (reflector_state_changed).
+	vrf->event_state = evtimer_new(vrf->base, state_timer_fired, vrf);
+	reflector_save_state(vrf);
 }
 
 void log_start()

@@ -828,19 +828,55 @@ void rx_netlink_ready(int fd, short what, void *arg)
 	// Once per datagram, and only for a configuration the daemon runs with.
 	timespec now{};
 	clock_gettime(CLOCK_REALTIME, &now);
-	reflector_save_state(vrf, {now.tv_sec, now.tv_nsec});
+	reflector_state_changed(vrf, {now.tv_sec, now.tv_nsec});
 }
 
-void reflector_save_state(const reflector_vrf *vrf, const shm_timestamp &since)
+namespace {
+
+std::int64_t monotonic_ns()
+{
+	timespec t{};
+	clock_gettime(CLOCK_MONOTONIC, &t);
+	return static_cast<std::int64_t>(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+}  // namespace
+
+void reflector_save_state(reflector_vrf *vrf)
 {
 	if (vrf->state_path[0] == '\0')
 		return;
 	const run_state s{static_cast<std::int32_t>(getpid()), ntohl(reflector_cfg.discriminator),
 			  reflector_cfg.sourceIp, reflector_cfg.minRx, reflector_cfg.adminDown,
-			  since.tv_sec, since.tv_nsec, vrf->started.tv_sec, vrf->started.tv_nsec};
+			  vrf->state_since.tv_sec, vrf->state_since.tv_nsec, vrf->started.tv_sec,
+			  vrf->started.tv_nsec};
 	if (run_state_write(vrf->state_path, s) != 0)
 		TRACE(TRACE_ERROR, "ERROR: run-state file %s not written, errno %d", vrf->state_path,
 		      static_cast<std::int32_t>(errno));
+	vrf->state_written_ns = monotonic_ns();  // after the write: the gap is the loop's own time
+}
+
+void reflector_state_changed(reflector_vrf *vrf, const shm_timestamp &since)
+{
+	if (vrf->state_path[0] == '\0')
+		return;
+	vrf->state_since = since;
+	if (vrf->event_state != nullptr && evtimer_pending(vrf->event_state, nullptr))
+		return;
+	const std::int64_t wait = vrf->state_written_ns + RUN_STATE_GAP_NS - monotonic_ns();
+	if (wait <= 0 || vrf->event_state == nullptr) {
+		reflector_save_state(vrf);
+		return;
+	}
+	const timeval tv{static_cast<time_t>(wait / 1000000000),
+			 static_cast<suseconds_t>(wait % 1000000000 / 1000 + 1)};
+	if (evtimer_add(vrf->event_state, &tv) != 0)
+		reflector_save_state(vrf);
+}
+
+void state_timer_fired(int, short, void *arg)
+{
+	reflector_save_state(static_cast<reflector_vrf *>(arg));
 }
 
 namespace {
