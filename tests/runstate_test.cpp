@@ -105,6 +105,12 @@ TEST(RunState, WrittenFileReadsBackWithItsModesAndNothingLeftBehind)
 	ASSERT_TRUE(lstat(path.c_str(), &st) == 0 && stat(dir.file("run").c_str(), &dst) == 0);
 	EXPECT_EQ(std::tuple(st.st_mode & 0170777, dst.st_mode & 07777), std::tuple(S_IFREG | 0644u, 0755u));
 	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.file("run")), {}), 1) << "a temporary file was left";
+	// What a writer killed before its rename leaves, and only that, is removed.
+	for (const char *left : {".orvalindwarden-x.state.0123456789abcdef", ".orvalindwarden-x.state.0123456789abcdeg",
+				 ".orvalindwarden-y.state.0123456789abcdef", ".orvalindwarden-x.state.x.0123456789abcdef"})
+		std::ofstream(dir.file("run/") + left);
+	EXPECT_EQ(run_state_clean(path.c_str()), 1);
+	EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.file("run")), {}), 4);
 	run_state bad = s;
 	bad.since_nsec = 1000000000;
 	EXPECT_EQ(run_state_write(path.c_str(), bad), -1);

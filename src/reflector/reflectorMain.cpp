@@ -167,6 +167,7 @@ void write_first_state(reflector_vrf *vrf)
 	}
 	// Without it, every change is written at once (reflector_state_changed).
 	vrf->event_state = evtimer_new(vrf->base, state_timer_fired, vrf);
+	run_state_clean(vrf->state_path);  // what a killed predecessor left
 	reflector_save_state(vrf);
 }
 

@@ -5,6 +5,7 @@
 // datagrams, and the text fits a stack buffer of RUN_STATE_TEXT_MAX + 1.
 #include "runstate.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/random.h>
@@ -27,8 +28,7 @@ constexpr char HEADER[] = "orvalindwarden-state 1\n";
 constexpr std::int64_t NSEC_PER_SEC = 1000000000;
 constexpr int NSEC_DIGITS = 9;
 constexpr int TEMP_TRIES = 8;                 // random names tried before giving up
-constexpr char TEMP_PREFIX[] = ".state.";     // + 16 hex digits
-constexpr std::size_t TEMP_NAME_LEN = sizeof TEMP_PREFIX - 1 + 16;
+constexpr std::size_t TEMP_HEX = 16;         // random hex digits of a temporary name
 
 // ---- parsing: a cursor over the text, every step bounded by its end ----
 
@@ -156,6 +156,25 @@ int open_dir(const char *dir)
 	return fd;
 }
 
+// The temporary name of file `base` with random bits `r` (runstate.h).
+void temp_name(char out[NAME_MAX + 1], const char *base, std::uint64_t r)
+{
+	if (std::strlen(base) + 2 + TEMP_HEX <= NAME_MAX)
+		std::snprintf(out, NAME_MAX + 1, ".%s.%016" PRIx64, base, r);
+	else
+		std::snprintf(out, NAME_MAX + 1, ".state.%016" PRIx64, r);
+}
+
+// True when `name` is a temporary name of file `base`.
+bool is_temp_of(const char *name, const char *base)
+{
+	const std::size_t n = std::strlen(base);
+	if (name[0] != '.' || std::strncmp(name + 1, base, n) != 0 || name[n + 1] != '.')
+		return false;
+	const char *hex = name + n + 2;
+	return std::strlen(hex) == TEMP_HEX && std::strspn(hex, "0123456789abcdef") == TEMP_HEX;
+}
+
 // Writes all `len` bytes of `buf` to `fd`.
 bool write_all(int fd, const char *buf, std::size_t len)
 {
@@ -226,7 +245,7 @@ int run_state_write(const char *path, const run_state &s)
 
 	// A fresh name each time: O_EXCL refuses whatever already lies there,
 	// a link included, and O_NOFOLLOW says so for the last component.
-	char temp[TEMP_NAME_LEN + 1];
+	char temp[NAME_MAX + 1];
 	int fd = -1;
 	for (int i = 0; i < TEMP_TRIES && fd == -1; i++) {
 		std::uint64_t r = 0;
@@ -236,7 +255,7 @@ int run_state_write(const char *path, const run_state &s)
 			r = static_cast<std::uint64_t>(ts.tv_nsec) ^ (static_cast<std::uint64_t>(getpid()) << 32) ^
 			    static_cast<std::uint64_t>(i);
 		}
-		std::snprintf(temp, sizeof temp, "%s%016" PRIx64, TEMP_PREFIX, r);
+		temp_name(temp, base, r);
 		fd = openat(dirfd, temp, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, RUN_STATE_FILE_MODE);
 		if (fd == -1 && errno != EEXIST)
 			break;
@@ -262,6 +281,32 @@ int run_state_write(const char *path, const run_state &s)
 	close(dirfd);
 	errno = e;
 	return ok ? 0 : -1;
+}
+
+int run_state_clean(const char *path)
+{
+	char dir[PATH_MAX];
+	const char *base = nullptr;
+	if (!split_path(path, dir, &base)) {
+		errno = EINVAL;
+		return -1;
+	}
+	const int fd = open(dir, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+	if (fd == -1)
+		return errno == ENOENT ? 0 : -1;
+	DIR *d = fdopendir(fd);
+	if (d == nullptr) {
+		const int e = errno;
+		close(fd);
+		errno = e;
+		return -1;
+	}
+	int removed = 0;
+	while (const dirent *entry = readdir(d))
+		if (is_temp_of(entry->d_name, base) && unlinkat(fd, entry->d_name, 0) == 0)
+			removed++;
+	closedir(d);
+	return removed;
 }
 
 bool run_state_parse(std::span<const char> text, run_state *out)

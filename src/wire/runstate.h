@@ -86,15 +86,22 @@ int run_state_path(char *buf, std::size_t cap, const char *object_name);
 // carry (pid <= 0, a negative time, nanoseconds outside 0 .. 999999999).
 std::size_t run_state_format(const run_state &s, char *buf, std::size_t cap);
 
-// Replaces the file `path` by the text of `s`: writes a new file of a random
-// name beginning with ".state." in the same directory (O_EXCL | O_NOFOLLOW:
-// a planted link redirects nothing), mode RUN_STATE_FILE_MODE whatever the
-// umask, and renames it over `path`. The directory is made (mode
+// Replaces the file `path` by the text of `s`: writes a new file in the same
+// directory, named "." + the file's name + "." + 16 random hex digits
+// (".state." + 16 hex digits when that is too long), with O_EXCL |
+// O_NOFOLLOW (a planted link redirects nothing) and mode RUN_STATE_FILE_MODE
+// whatever the umask, and renames it over `path`. The directory is made (mode
 // RUN_STATE_DIR_MODE) when it is missing; its parent must exist. Nothing is
 // synced: the file lives in /run. Returns 0, or -1 with errno set and no
 // temporary file left (EINVAL: `s` cannot be written, see run_state_format).
 // Allocates nothing.
 int run_state_write(const char *path, const run_state &s);
+
+// Removes what a writer of `path` killed between creating its new file and
+// the rename left behind: the files "." + the file's name + "." + 16 hex
+// digits in its directory. Returns how many, or -1 with errno set (a
+// missing directory is none).
+int run_state_clean(const char *path);
 
 // Parses the exact text above into *out. Returns false, *out unchanged, for
 // any other input: a missing, extra, reordered or misspelt line, a value out

@@ -155,6 +155,7 @@ protected:
 		testutil::run("ip netns del " + ns_i);
 		shm_unlink(shm_name().c_str());
 		unlink(state_path().c_str());
+		run_state_clean(state_path().c_str());  // a killed daemon's new file
 	}};
 	testutil::temp_dir logs{"orvlogs"};
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go
