@@ -13,6 +13,7 @@
 // sent and applied (or shown), 1 daemon not reachable, source no address of
 // its namespace, no running configuration to complete a change or show,
 // daemon ended or change not confirmed, 2 bad usage.
+#include <arpa/inet.h>
 #include <getopt.h>
 
 #include <cstdio>
@@ -199,8 +200,11 @@ int main(int argc, char **argv)
 
 	// Found while the daemon runs: its trace is read only if it ends.
 	const std::string trace_path = trace ? std::string(trace) : nlctl_trace_path(daemon);
+	// A source the daemon runs with is bound already: it is not checked again
+	// (it may have left the namespace; the daemon keeps its socket).
+	const bool new_source = !have_state || cfg.src_ip != ntohl(running.source_ip);
 	const std::uint64_t sent_ns = nlctl_realtime_ns();
-	if (nlctl_send_config(daemon, netns, cfg, 1, &err) != NLCTL_OK)
+	if (nlctl_send_config(daemon, netns, cfg, 1, &err, new_source) != NLCTL_OK)
 		return fail(err);
 	const int rc = nlctl_confirm(daemon, state_path.c_str(), cfg, have_state ? &running : nullptr, sent_ns,
 				     trace_path.c_str(), have_state ? CONFIRM_TIMEOUT : UNCONFIRMABLE_TIMEOUT, &err);

@@ -85,6 +85,10 @@ TEST_F(CtlInNamespace, ChangesOnlyWhatItIsAskedAndShowsTheRunningConfiguration)
 	r = ctl(here(), {});
 	EXPECT_TRUE(r.status == 2 && r.has("nothing to change")) << r.out;
 	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << "a refused change was sent";
+	// The source it runs with is kept without a check, even gone from the namespace.
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr del 192.0.2.1/24 dev vd0"), 0);
+	r = ctl(here(), {"--admin-up"});
+	EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
 }
 
 // The daemon ends when it cannot bind a new source's port 7784 (here held by

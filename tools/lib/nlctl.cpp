@@ -210,7 +210,7 @@ int nlctl_check_source(const char *netns, std::uint32_t src_ip, std::string *err
 }
 
 int nlctl_send_config(pid_t pid, const char *netns, const nlctl_config &c, std::uint32_t seq,
-		      std::string *err)
+		      std::string *err, bool check_source)
 {
 	unique_fd fd;
 	if (int rc = open_control(pid, netns, &fd, err); rc != NLCTL_OK)
@@ -221,7 +221,7 @@ int nlctl_send_config(pid_t pid, const char *netns, const nlctl_config &c, std::
 		*err = no_port(pid);
 		return NLCTL_ERR_NO_PORT;
 	}
-	if (int rc = nlctl_check_source(netns, c.src_ip, err); rc != NLCTL_OK)
+	if (int rc = check_source ? nlctl_check_source(netns, c.src_ip, err) : NLCTL_OK; rc != NLCTL_OK)
 		return rc;
 	return send_control(fd.get(), pid, nlctl_encode(c, seq), err);
 }

@@ -73,11 +73,13 @@ int nlctl_check_source(const char *netns, std::uint32_t src_ip, std::string *err
 
 // What orvalindwarden-ctl does: the checks of nlctl_send (process, netlink
 // socket in `netns`), NLCTL_ERR_NO_PORT at once for a process that
-// /proc shows in another namespace, then nlctl_check_source, then sends the
-// message of `c` with sequence number `seq`. Nothing is sent unless all
-// pass. Returns NLCTL_OK or a code above, with a message in *err.
+// /proc shows in another namespace, then nlctl_check_source unless
+// `check_source` is false (the daemon runs with c.src_ip already, so it
+// binds nothing new), then sends the message of `c` with sequence number
+// `seq`. Nothing is sent unless all pass. Returns NLCTL_OK or a code above,
+// with a message in *err.
 int nlctl_send_config(pid_t pid, const char *netns, const nlctl_config &c, std::uint32_t seq,
-		      std::string *err);
+		      std::string *err, bool check_source = true);
 
 // ---- the running configuration ----
 
