@@ -1,8 +1,9 @@
 // ctl_test.cpp -- the running configuration end to end: the daemon's
 // run-state file at start and after changes, orvalindwarden-ctl changing
 // only what it is asked and showing the rest, refusing a partial change
-// without that daemon's file, and reporting a daemon that ends on a change
-// with the reason from its trace.
+// without that daemon's file, complete changes showing in the very next
+// reply, its error exits, and reporting a daemon that ends on a change with
+// the reason from its trace.
 #include "e2e/e2eutil.h"
 #include "nlctl.h"
 
@@ -71,15 +72,10 @@ TEST_F(CtlInNamespace, ChangesOnlyWhatItIsAskedAndShowsTheRunningConfiguration)
 	const testutil::undo remove_stale{[&] { unlink(stale.c_str()); }};
 	s.pid = 1;
 	ASSERT_EQ(run_state_write(stale.c_str(), s), 0);
-	auto with = [&](const std::vector<std::string> &extra) {
-		std::vector<std::string> w = here();
-		w.insert(w.end(), extra.begin(), extra.end());
-		return w;
-	};
-	r = ctl(with({"--object", stale_object}), {"--admin-up"});
+	r = ctl(here(), {"--object", stale_object, "--admin-up"});
 	EXPECT_TRUE(r.status == 1 && r.has("is stale: it was written by process 1, not " + std::to_string(pid)) &&
 		    r.has("give all four values")) << r.out;
-	r = ctl(with({"--nspath", "/orv-none"}), {"--show"});
+	r = ctl(here(), {"--nspath", "/orv-none", "--show"});
 	EXPECT_TRUE(r.status == 1 && r.has("no run-state file " + std::string(RUN_STATE_DIR) + "/orvalindwarden-orv-none.state"))
 		<< r.out;
 	r = ctl(here(), {});
@@ -89,6 +85,48 @@ TEST_F(CtlInNamespace, ChangesOnlyWhatItIsAskedAndShowsTheRunningConfiguration)
 	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr del 192.0.2.1/24 dev vd0"), 0);
 	r = ctl(here(), {"--admin-up"});
 	EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+}
+
+TEST_F(CtlInNamespace, FullChangesShowInTheNextReplyAndAnUnreachableDaemonIsReported)
+{
+	start(100, 1000);
+	const std::string pid = std::to_string(daemon->pid());
+	std::ofstream(logs.file("d.pid")) << pid << "\n";
+	for (const auto &[where, message] : std::initializer_list<std::pair<std::vector<std::string>, const char *>>{
+		     {{"--netns", ns_d, "--pid", "4194305"}, "no process with pid 4194305"},  // above any pid
+		     {{"--netns", "orvtest-none", "--pid", pid}, "netlink socket in namespace orvtest-none"},
+		     {{"--netns", ns_d, "--pidfile", "/nonexistent/orv.pid"}, "cannot read pid file"},
+		     {{"--netns", ns_d, "--pidfile", "/dev/zero"}, "pid file /dev/zero is not a regular file"},  // refused unread
+		     {{"--pid", pid}, "another network namespace"},  // the daemon's port is not in ours
+	     }) {
+		const result r = ctl(where, {"-d", "9", "-r", "1", "-s", e2e::DAEMON_IP, "--admin-up"});
+		EXPECT_TRUE(r.status == 1 && r.has(message)) << r.out;
+	}
+
+	result r = ctl({"--netns", ns_d, "--pidfile", logs.file("d.pid")}, {"-d", "200", "-r", "5000", "-s", e2e::DAEMON_IP, "--admin-down"});
+	ASSERT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	auto reply = ask({.my_disc = 555, .your_disc = 200});
+	ASSERT_TRUE(reply) << "no reply to the new discriminator";
+	EXPECT_EQ(std::tuple(ntohl(reply->pkt.my_disc), ntohl(reply->pkt.min_rx_interval), bfd_state_of(reply->pkt), bfd_diag(reply->pkt)),
+		  std::tuple(200u, 5000u, BFD_STATE_ADMIN_DOWN, BFD_DIAG_ADMIN_DOWN));
+	EXPECT_FALSE(ask({.my_disc = 555, .your_disc = 100}, ms(300))) << "the old discriminator is someone else's now";
+
+	// Up again, from a new address of the daemon's namespace.
+	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr add 192.0.2.3/24 dev vd0"), 0);
+	ASSERT_EQ(ctl(here(), {"-d", "200", "-r", "0", "-s", "192.0.2.3", "--admin-up"}).status, 0);
+	reply = ask({.my_disc = 555, .your_disc = 200});
+	ASSERT_TRUE(reply) << "no reply after the source change";
+	EXPECT_EQ(std::tuple(bfd_state_of(reply->pkt), bfd_diag(reply->pkt), ntohl(reply->pkt.min_rx_interval), reply->v.src_ip,
+			     reply->v.src_port, reply->v.tos, reply->v.ttl),
+		  std::tuple(BFD_STATE_UP, 0, 0u, 0xc0000203u, SBFD_PORT, 0xc0, 255))
+		<< "reply not from the new address, or without the socket's options";
+	// Sources the daemon cannot send from are refused, and nothing is sent:
+	// a loopback address, and 198.51.100.9, no address of its namespace.
+	r = ctl(here(), {"-d", "300", "-r", "1", "-s", "127.0.0.1", "--admin-up"});
+	EXPECT_TRUE(r.status == 2 && r.has("'127.0.0.1' cannot be a source address")) << r.out;
+	r = ctl(here(), {"-d", "300", "-r", "1", "-s", "198.51.100.9", "--admin-up"});
+	EXPECT_TRUE(r.status == 1 && r.has("source 198.51.100.9 is no address of network namespace " + ns_d)) << r.out;
+	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << trace();
 }
 
 // The daemon ends when it cannot bind a new source's port 7784 (here held by
