@@ -23,17 +23,21 @@ need() {
 	done
 }
 
-# make_package: builds the package in a temporary directory $tmp (removed on
-# exit) and sets deb (its path), p (the install prefix) and root (the package
-# unpacked).
+# found_package: sets deb (the package in $tmp), p (the install prefix) and
+# root (where it is unpacked).
+found_package() {
+	deb=$(ls "$tmp"/orvalindwarden_*.deb)
+	p=$(sed -n 's/^set(CPACK_PACKAGING_INSTALL_PREFIX "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
+	root=$tmp/root
+}
+# make_package: builds and unpacks the package in a temporary directory $tmp
+# (removed on exit) and calls found_package.
 make_package() {
 	need cpack dpkg-deb dpkg-shlibdeps
 	tmp=$(mktemp -d "${TMPDIR:-/tmp}/orvpkg-$$-XXXXXX")
 	trap 'rm -rf "$tmp"' EXIT
 	cpack -G DEB -B "$tmp" --config "$build/CPackConfig.cmake" >"$tmp/cpack.log" 2>&1 || { cat "$tmp/cpack.log"; fail cpack; }
-	deb=$(ls "$tmp"/orvalindwarden_*.deb)
-	p=$(sed -n 's/^set(CPACK_PACKAGING_INSTALL_PREFIX "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
-	root=$tmp/root
+	found_package
 	dpkg-deb -x "$deb" "$root"
 }
 
@@ -64,9 +68,8 @@ isolated() {
 # CHECK TEMP_DIR). Returns only there.
 in_isolation() {
 	if [ -n "$inside" ]; then
-		tmp=$inside root=$inside/root
-		deb=$(ls "$tmp"/orvalindwarden_*.deb)
-		p=$(sed -n 's/^set(CPACK_PACKAGING_INSTALL_PREFIX "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
+		tmp=$inside
+		found_package
 		return
 	fi
 	can_isolate
@@ -101,15 +104,9 @@ package)
 		grep -qx "$f" "$tmp/files" || { cat "$tmp/files"; fail "package lacks $f"; }
 	done
 	! grep -E '_test$|_bench$|/bench' "$tmp/files" || fail "package carries test programs"
-	dpkg-deb -I "$deb" >"$tmp/info"
-	for field in 'Package: orvalindwarden' 'Maintainer: ' 'Depends: .*libevent'; do
-		grep -q "^ $field" "$tmp/info" || { cat "$tmp/info"; fail "control lacks \"$field\""; }
-	done
+	grep -q '^ Depends: .*libevent' <(dpkg-deb -I "$deb") || fail "control does not depend on libevent"
 	dpkg-deb -e "$deb" "$tmp/control"
 	grep -qx /etc/default/orvalindwarden "$tmp/control/conffiles" || fail "the environment file is not a conffile"
-	for s in postinst prerm postrm; do
-		[ -x "$tmp/control/$s" ] || fail "package lacks an executable $s"
-	done
 
 	# Source file names in the programs (trace descriptors, assertion
 	# messages) are relative to the tree, never the builder's directory. A
