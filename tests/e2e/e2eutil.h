@@ -39,6 +39,19 @@ struct reply {
 	bfd_ctrl_pkt pkt{};
 };
 
+// What a tool run printed, and how it ended.
+struct result {
+	int status;
+	std::string out;  // standard output and error
+	bool has(const std::string &part) const { return out.find(part) != std::string::npos; }
+};
+
+inline result run(const std::vector<std::string> &argv, const std::vector<std::string> &env = {})
+{
+	testutil::child_process p(argv, env);
+	return {p.exit_status(), p.out() + p.err()};
+}
+
 // Skips without root; each test starts the daemon itself.
 class E2eTest : public ::testing::Test {
 protected:

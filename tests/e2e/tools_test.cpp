@@ -17,17 +17,8 @@ namespace {
 using e2e::bin;
 using e2e::ms;
 
-struct result {
-	int status;
-	std::string out;  // standard output and error
-	bool has(const std::string &part) const { return out.find(part) != std::string::npos; }
-};
-
-result run(const std::vector<std::string> &argv, const std::vector<std::string> &env = {})
-{
-	testutil::child_process p(argv, env);
-	return {p.exit_status(), p.out() + p.err()};
-}
+using e2e::result;
+using e2e::run;
 
 using ToolsInNamespace = e2e::E2eTest;
 
