@@ -281,20 +281,11 @@ bytes nl_msg(std::uint16_t type, std::uint16_t flags, const bytes &payload, std:
 }
 
 // orvalindwarden-ctl's message setting `disc`, min_rx disc * 1000, source
-// 127.0.0.1 and `admin`; its length field says `len` (0: as encoded), cut
-// or zero-padded to `size` bytes (0: as encoded), without NLM_F_REQUEST
-// unless `request`.
-bytes set_msg(std::uint32_t disc, bool admin, std::uint32_t len = 0, std::size_t size = 0, bool request = true)
+// 127.0.0.1 and `admin`, its header as nl_msg makes it.
+bytes set_msg(std::uint32_t disc, bool admin, std::uint32_t len = 0, std::size_t size = 0, std::uint16_t flags = NLM_F_REQUEST)
 {
 	const auto m = nlctl_encode({.disc = disc, .min_rx = disc * 1000, .src_ip = INADDR_LOOPBACK, .admin_down = admin}, 0);
-	bytes b(m.begin(), m.end());
-	if (len)
-		store_host<std::uint32_t>(&b[0], len);
-	if (!request)
-		store_host<std::uint16_t>(&b[6], 0);
-	if (size)
-		b.resize(size);
-	return b;
+	return nl_msg(REFLECTOR_NL_SET, flags, bytes(m.begin() + sizeof(nlmsghdr), m.end()), len, size);
 }
 
 bytes operator+(bytes a, const bytes &b)
@@ -323,7 +314,7 @@ TEST(NetlinkChannel, WalkAppliesWellFormedRequestsInOrderAndTracesThem)
 		bool unknown = false;  // traces an unknown-type message
 		std::uint32_t src = htonl(INADDR_LOOPBACK);
 	} cases[] = {
-		{"no request flag", set_msg(7, true, 0, 0, false), OLD, 0},
+		{"no request flag", set_msg(7, true, 0, 0, 0), OLD, 0},
 		{"two messages: the second stands", set_msg(7, false) + set_msg(8, true), 8, 1},
 		{"unknown type, then a setting", nl_msg(17, NLM_F_REQUEST, {5, 0, 0, 0}) + set_msg(9, true), 9, 1, true},
 		{"15 bytes", set_msg(7, true, 32, 15), OLD, 0},
