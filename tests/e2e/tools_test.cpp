@@ -22,7 +22,7 @@ using e2e::run;
 
 using ToolsInNamespace = e2e::E2eTest;
 
-// The run-state file a daemon of store `object` writes.
+// The run-state file of the second daemon, of store `object` (the fixture removes the first's).
 std::string run_state_file(const std::string &object) { return std::string(RUN_STATE_DIR) + "/" + object + RUN_STATE_SUFFIX; }
 
 TEST_F(ToolsInNamespace, SbfdPingReportsRepliesPlainAndLabelledAndLoss)
@@ -99,7 +99,6 @@ TEST_F(ToolsInNamespace, SbfdPingKeepsItsDeadlineTakesHostNamesAndReportsIcmpErr
 // silent after the 1 s floor) apart from the one still within its 3 x 1 s.
 TEST_F(ToolsInNamespace, StatFindsTheRunningDaemonsStoreAndShowsItInAllThreeFormats)
 {
-	const testutil::undo state{[this] { unlink(run_state_file(shm_name()).c_str()); }};
 	start(77, 300000);
 	for (std::uint32_t disc : {4242u, 4242u})
 		ASSERT_TRUE(ask({.my_disc = disc, .your_disc = 77, .multiplier = 1, .min_tx_us = 100000}));
@@ -143,7 +142,6 @@ TEST_F(ToolsInNamespace, StatMetricsOfTwoInstancesReachNodeExporterApartAndADead
 {
 	const std::string blue = shm_name() + "-blue";
 	const testutil::undo leftovers{[&] {
-		unlink(run_state_file(shm_name()).c_str());
 		unlink(run_state_file(blue).c_str());
 		shm_unlink(blue.c_str());
 	}};
@@ -219,7 +217,6 @@ TEST_F(ToolsInNamespace, StatMetricsOfTwoInstancesReachNodeExporterApartAndADead
 // from the restart.
 TEST_F(ToolsInNamespace, StatDeltaShowsChangesSinceTheLastCallAndNotesARestartWithoutPersist)
 {
-	const testutil::undo state{[this] { unlink(run_state_file(shm_name()).c_str()); }};
 	start(77, 300000);
 	ASSERT_TRUE(ask({.my_disc = 4242, .your_disc = 77}));
 	const std::string history = logs.file("h.delta");
