@@ -229,24 +229,23 @@ failed_tests() {
 
 # verdict LOG: runs the suite, stopping at the first failure, and runs the
 # tests that failed again; prints "pass", "fail TESTS" (failed twice) or
-# "flaky TESTS" (passed the second time). A flaky failure may have hidden
-# the tests after it, so the whole suite is tried a second time first.
+# "flaky TESTS" (passed the second time). A flaky failure may have stopped
+# the suite before the test that would fail, so the whole suite is then run
+# once more without stopping, and its failures again.
 verdict() {
-	local flaky=
-	for attempt in 1 2; do
-		if run_suite --stop-on-failure --output-on-failure >"$1.$attempt" 2>&1; then
-			if [ -n "$flaky" ]; then echo "flaky $flaky"; else echo pass; fi
-			return
+	local flaky= failed
+	for stop in --stop-on-failure ""; do
+		if run_suite $stop --output-on-failure >"$1${stop:+.first}" 2>&1; then
+			break
 		fi
-		local failed
 		failed=$(failed_tests)
-		if ! run_suite --rerun-failed --output-on-failure >>"$1.$attempt" 2>&1; then
-			echo "fail ${failed:-(see $1.$attempt)}"
+		if ! run_suite --rerun-failed --output-on-failure >>"$1${stop:+.first}" 2>&1; then
+			echo "fail $(failed_tests)"
 			return
 		fi
 		flaky="$flaky$failed "
 	done
-	echo "flaky $flaky"
+	if [ -n "$flaky" ]; then echo "flaky $flaky"; else echo pass; fi
 }
 
 # The unmutated tree: the whole suite, and its failures once more. A test
