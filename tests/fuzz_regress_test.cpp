@@ -56,7 +56,7 @@ TEST(FuzzRegress, StoreInputsAreRefusedOrRenderedInAllThreeFormats)
 }
 
 // The same inputs as --delta history files: refused with a reason, or
-// written back byte for byte (the seed "history" is one).
+// written back byte for byte (the corpus input "history" is one).
 TEST(FuzzRegress, StoreInputsAsHistoryFilesAreRefusedOrWrittenBackAsRead)
 {
 	int parsed = 0;
