@@ -1,7 +1,9 @@
 // brevlog_test.cpp -- the trace library, its reader and blcat: cut texts,
-// ring wrap, record times, records of signal handlers, printf rendering,
-// corrupt and forged sparse files, blcat's output, filter, merge and exit
-// statuses, and blcat -f on a file cut and rewritten in place.
+// ring wrap, record times, records of signal handlers, records the writer
+// overtakes while they are copied, printf rendering, corrupt and forged
+// sparse files, blcat's output, filter, merge and exit statuses, and blcat -f
+// on a file cut and rewritten in place.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -15,6 +17,8 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <numeric>
 #include <string_view>
 #include <thread>
 
@@ -43,6 +47,16 @@ struct global_handle {
 		unsetenv("BREVLOG_DIR");
 	}
 };
+
+// A pread that a test can cut in two: a read of `fd` longer than `at`
+// bytes copies the first `at`, runs `midway` once, then copies the rest, as
+// when the writer overtakes the reader during its copy. Other calls go to
+// the C library.
+struct {
+	int fd = -1;
+	std::size_t at = 0;
+	std::function<void()> midway;
+} pread_seam;
 
 struct record {
 	std::uint32_t level;
@@ -95,6 +109,21 @@ struct rt_handler {
 };
 
 }  // namespace
+
+extern "C" ssize_t pread(int fd, void *buf, size_t len, off_t off)
+{
+	using pread_fn = ssize_t (*)(int, void *, size_t, off_t);
+	static const pread_fn real = reinterpret_cast<pread_fn>(dlsym(RTLD_NEXT, "pread"));
+	auto &[seam_fd, at, midway] = pread_seam;
+	if (fd != seam_fd || len <= at || !midway)
+		return real(fd, buf, len, off);
+	const ssize_t first = real(fd, buf, at, off);
+	std::exchange(midway, nullptr)();
+	if (first != static_cast<ssize_t>(at))
+		return first;
+	const ssize_t rest = real(fd, static_cast<char *>(buf) + at, len - at, off + static_cast<off_t>(at));
+	return rest < 0 ? rest : first + rest;
+}
 
 TEST(BrevlogWriter, LongTextIsCutToTheRecordAndAFullRingKeepsOnlyTheNewestRecordsWhole)
 {
@@ -229,6 +258,43 @@ TEST(BrevlogSignals, HandlerRecordsNeverDisturbTheInterruptedRecord)
 			ASSERT_EQ(r.text, "Got SIG43 but ignore " + std::to_string(++sig));
 	}
 	EXPECT_EQ(std::tuple(sig, main_err, rx), std::tuple(static_cast<std::uint32_t>(SIGNALS), i, i));
+}
+
+// The writer laps the 1 KiB ring in the middle of the reader's copy (the
+// pread seam): the records copied before it are counted torn and dropped,
+// the one cut in two among them, and the next read finds the live ones.
+// Each record is 64 bytes (24 + 4 x 9, padded) and holds its own number
+// four times, so the one at stream position p holds p / 64.
+TEST(BlreaderCollect, RecordsTheWriterOvertakesWhileTheyAreCopiedAreCountedTornNotReturned)
+{
+	testutil::temp_dir dir;
+	global_handle g(dir.path(), "1");
+	std::uint64_t n = 0;
+	auto write = [&n](int count) {
+		for (; count > 0; count--, n++)
+			TRACE(0, "%lu %lu %lu %lu", n, n, n, n);
+	};
+	write(40);  // live: 24 .. 39; the first copy is of 24 .. 31, up to the ring's end
+	blr_file f;
+	ASSERT_EQ(blr_open(f, dir.file("test.bl").c_str()), "");
+	auto collect = [&f] {
+		std::vector<blr_record> recs;
+		blr_collect(f, 1, 0, recs);
+		std::vector<std::uint64_t> numbers;
+		for (const blr_record &r : recs) {
+			numbers.push_back(r.pos / 64);
+			for (const blr_value &v : r.values)
+				EXPECT_EQ(v.bits, r.pos / 64) << "a torn record at position " << r.pos;
+		}
+		return numbers;
+	};
+	const testutil::undo disarm{[] { pread_seam = {}; }};
+	pread_seam = {f.fd, 2 * 64 + 40, [&] { write(16); }};  // the cut: in the second value of 26
+	EXPECT_EQ(collect(), std::vector<std::uint64_t>{});
+	EXPECT_EQ(f.stats.torn, 3u);
+	std::vector<std::uint64_t> live(16);
+	std::iota(live.begin(), live.end(), 40);
+	EXPECT_EQ(collect(), live);
 }
 
 TEST(BlreaderFormat, ConversionsRenderAsPrintfWithTheConversionsType)
@@ -372,11 +438,17 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesInLocalTimeAndMergesFiles
 				want += rec;
 		EXPECT_EQ(std::get<1>(blcat({"-l", levels, golden()})), want) << levels;
 	}
+	// A copy whose call sites name another file: the same times, other text.
+	auto renamed = [](std::string text) {
+		for (std::size_t at = 0; (at = text.find("golden_writer.cpp", at)) != std::string::npos;)
+			text.replace(at, 6, "copied");
+		return text;
+	};
 	const std::string copy = dir->file("copy.bl");
-	std::filesystem::copy_file(golden(), copy, std::filesystem::copy_options::overwrite_existing);
+	std::ofstream(copy, std::ios::binary) << renamed(testutil::read_file(golden()));
 	std::string want;
 	for (const auto &rec : all)
-		want += rec + rec;  // same times: the first file's record comes first
+		want += rec + renamed(rec);  // same times: the first file's record comes first
 	EXPECT_EQ(std::get<1>(blcat({golden(), copy})), want);
 }
 

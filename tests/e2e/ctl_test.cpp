@@ -2,8 +2,8 @@
 // run-state file at start and after changes, orvalindwarden-ctl changing
 // only what it is asked and showing the rest, refusing a partial change
 // without that daemon's file, complete changes showing in the very next
-// reply, its error exits, and reporting a daemon that ends on a change with
-// the reason from its trace.
+// reply, its error exits, reaching a detached daemon through its pid file,
+// and reporting a daemon that ends on a change with the reason from its trace.
 #include "e2e/e2eutil.h"
 #include "nlctl.h"
 
@@ -75,6 +75,8 @@ TEST_F(CtlInNamespace, ChangesWhatItIsAskedShowsItInTheNextReplyAndReportsAnUnre
 		<< r.out;
 	r = ctl(here(), {});
 	EXPECT_TRUE(r.status == 2 && r.has("nothing to change")) << r.out;
+	r = ctl({"--pid", std::to_string(pid), "--pidfile", "/nonexistent/orv.pid"}, {"--admin-up"});
+	EXPECT_TRUE(r.status == 2 && r.has("--pid and --pidfile exclude each other")) << r.out;
 	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << "a refused change was sent";
 
 	std::ofstream(logs.file("d.pid")) << pid << "\n";
@@ -153,6 +155,36 @@ TEST_F(CtlInNamespace, ReportsADaemonThatEndsOnTheChangeWithItsLastError)
 	EXPECT_EQ(nlctl_confirm(pid, state_path().c_str(), asked, &before, nlctl_realtime_ns(), bl.c_str(), ms(2000), &err),
 		  NLCTL_ERR_ENDED);
 	EXPECT_NE(err.find("ended after the change without an error record in its trace " + bl), std::string::npos) << err;
+}
+
+// Detached (-D), the daemon writes its pid file after the fork: the file
+// names the process that runs on, and ctl --pidfile reaches it. The daemon
+// writes a file of the test's own, bound over the global one, which daemons
+// of tests running beside this one write too.
+TEST_F(CtlInNamespace, DetachedDaemonsPidFileNamesTheProcessThatRunsOn)
+{
+	const std::string pid_file = logs.file("d.pid"), global = "/var/run/orvalindwarden.pid";
+	std::ofstream{pid_file};
+	private_fs = "mount --make-rprivate /\n[ -e " + global + " ] || : > " + global + "\nmount --bind " + pid_file + " " + global + "\n";
+	EXPECT_FALSE(spawn({"-D", "-d", "100", "-p", e2e::DAEMON_IP, "-r", "1000"})) << "still in the foreground";
+	ASSERT_EQ(daemon->exit_status(), 0) << daemon->out() << daemon->err();
+	pid_t pid = 0;
+	const testutil::undo stop{[&] {
+		if (pid > 0)
+			kill(pid, SIGKILL);
+	}};
+	ASSERT_TRUE(testutil::wait_until([&] {  // the only process of its namespace, once its netlink port is bound
+		pid = std::atoi(testutil::output_of("ip netns pids " + ns_d).c_str());
+		const std::string p = std::to_string(pid);
+		return pid > 0 && testutil::read_file("/proc/" + p + "/net/netlink").find(" 2   " + p + " ") != std::string::npos;
+	})) << "no detached daemon";
+	EXPECT_EQ(testutil::read_file(pid_file), std::to_string(pid) + "\n");
+	EXPECT_TRUE(testutil::read_file("/proc/" + std::to_string(pid) + "/cmdline").starts_with(bin("orvalindwarden") + '\0'));
+	const result r = ctl({"--netns", ns_d, "--pidfile", pid_file}, {"-r", "2000"});
+	EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
+	run_state s{};
+	ASSERT_EQ(run_state_read(state_path().c_str(), &s), RUN_STATE_OK);
+	EXPECT_EQ(std::tuple(s.pid, s.min_rx), std::tuple(pid, 2000u));
 }
 
 // A daemon that cannot write its run-state file answers all the same and

@@ -97,8 +97,8 @@ TEST_F(ToolsInNamespace, SbfdPingKeepsItsDeadlineTakesHostNamesAndReportsIcmpErr
 // name, with the live counters; the daemon holding it, its configuration
 // from the run-state file, and the initiator gone silent (4242 announced
 // 1 x 0.1 s: silent after the 1 s floor) apart from the one still within
-// its 3 x 1 s. The view is one for all formats: how each renders it is
-// shmstat_test's golden files.
+// its 3 x 1 s; a name without a store is an error. The view is one for all
+// formats: how each renders it is shmstat_test's golden files.
 TEST_F(ToolsInNamespace, StatFindsTheRunningDaemonsStoreAndShowsItInAllThreeFormats)
 {
 	start(77, 300000);
@@ -127,6 +127,8 @@ TEST_F(ToolsInNamespace, StatFindsTheRunningDaemonsStoreAndShowsItInAllThreeForm
 	EXPECT_TRUE(r.status == 0 && r.has("\norvalindwarden_up" + store + "} 1\n") &&
 		    r.has("\norvalindwarden_session_received_total" + store + ",discriminator=\"4242\",address=\"192.0.2.2\"} 2\n"))
 		<< r.out;
+	r = run({stat, "--object", shm_name() + "-none"});
+	EXPECT_TRUE(r.status == 1 && r.has("no shared store \"" + shm_name() + "-none\"")) << r.out;
 }
 
 // Two instances, each with its store and run-state file, through the
