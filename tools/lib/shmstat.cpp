@@ -158,6 +158,18 @@ struct text_table {
 	}
 };
 
+// The head of a counter table: the name, the value under `value_title`
+// and, with `rates`, the value per second.
+text_table counter_table(const char *value_title, bool rates)
+{
+	text_table t{{"COUNTER", value_title}, {false, true}, {}};
+	if (rates) {
+		t.head.push_back("PER SECOND");
+		t.right.push_back(true);
+	}
+	return t;
+}
+
 }  // namespace
 
 namespace {
@@ -565,13 +577,7 @@ std::string shmstat_format_text(const shmstat_snapshot &snap, const std::string 
 	out += daemon_text(view.daemon, snap.taken);
 
 	// Counters, group by group, in one table so that the columns line up.
-	text_table ct;
-	ct.head = {"COUNTER", "TOTAL"};
-	ct.right = {false, true};
-	if (rates) {
-		ct.head.push_back("PER SECOND");
-		ct.right.push_back(true);
-	}
+	text_table ct = counter_table("TOTAL", rates);
 	for (shmstat_group g : {shmstat_group::global, shmstat_group::hash, shmstat_group::rx_error,
 				shmstat_group::tx_error}) {
 		ct.rows.push_back({group_title(g)});
@@ -769,13 +775,7 @@ std::string shmstat_format_delta_text(const shmhist_delta &d, const shmstat_snap
 	out += daemon_text(view.daemon, snap.taken);
 
 	// Counters that add up; the per-period hash counters have no change to show.
-	text_table ct;
-	ct.head = {"COUNTER", "CHANGE"};
-	ct.right = {false, true};
-	if (rates) {
-		ct.head.push_back("PER SECOND");
-		ct.right.push_back(true);
-	}
+	text_table ct = counter_table("CHANGE", rates);
 	for (shmstat_group g : {shmstat_group::global, shmstat_group::rx_error, shmstat_group::tx_error}) {
 		ct.rows.push_back({group_title(g)});
 		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++) {
