@@ -9,6 +9,12 @@
 // No validation, no session table, no counters, no trace: only the fixed
 // offsets of a plain IPv4 frame are read and the two discriminators are
 // swapped. Runs until killed.
+//
+// The packet socket keeps the kernel's default receive queue (about 256
+// requests), unless RCVBUF is given: then it takes that value as the
+// daemon sets its own (SO_RCVBUFFORCE, half the queue's bytes), so that
+// both meet a busy host's scheduling delays with the same queue and a loss
+// figure compares their speed alone.
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <sys/epoll.h>
@@ -40,8 +46,8 @@ int fail(const char *what)
 
 int main(int argc, char **argv)
 {
-	if (argc != 3) {
-		std::fprintf(stderr, "usage: baseline SOURCE_ADDR DISCRIMINATOR\n");
+	if (argc != 3 && argc != 4) {
+		std::fprintf(stderr, "usage: baseline SOURCE_ADDR DISCRIMINATOR [RCVBUF]\n");
 		return 2;
 	}
 	in_addr src{};
@@ -68,6 +74,9 @@ int main(int argc, char **argv)
 	sock_fprog prog{static_cast<unsigned short>(SBFD_UDP_FILTER_LEN), const_cast<sock_filter *>(sbfd_udp_filter)};
 	if (setsockopt(in, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog) != 0)
 		return fail("SO_ATTACH_FILTER");
+	const int rcvbuf = argc == 4 ? std::atoi(argv[3]) : 0;
+	if (rcvbuf > 0 && setsockopt(in, SOL_SOCKET, SO_RCVBUFFORCE, &rcvbuf, sizeof rcvbuf) != 0)
+		return fail("SO_RCVBUFFORCE");
 
 	const int ep = epoll_create1(0);
 	epoll_event ev{};
