@@ -44,18 +44,23 @@
 # replies with recvmmsg on 8 sockets, still one My Discriminator per
 # session (the daemon keeps 512 sessions): on our core it pays for nothing
 # but the reflector namespace's receive path of the requests (the veth runs
-# it on the sending core) and the reading of the replies. It offered
-# 375,000-395,000 requests/s from CPU 0 while that core was otherwise free,
-# 190,000-320,000/s while other jobs shared it (the summary prints what it
-# achieved), in either case well above both reflectors; it drives the
-# search and the offered-400,000 figure. For these parts the baseline gets
-# the daemon's receive queue (7,750 requests instead of the kernel's 256),
-# and a reply that comes over 20 ms after the last request counts as lost.
+# it on the sending core) and the reading of the replies. Asked for
+# 400,000/s it offered 195,000-395,000 requests/s from CPU 0 in our runs,
+# the more the fewer other jobs shared that core (the summary prints what
+# it achieved), about twice what either reflector answers or more; it
+# drives the search and the offered-400,000 figure. Its batches spare a
+# reflector most wake-ups, so the rates found lie above what paced arrivals
+# allow (at 100,000/s paced the daemon's process is busy 95% of the time).
+# For these parts the baseline gets the daemon's receive queue (7,750
+# requests instead of the kernel's 256), and a reply that comes over 20 ms
+# after the last request counts as lost.
 #
 # Why an independent harness (process CPU 8.2 against 5.4 us at 50,000/s,
 # 1.5x; highest rate 81k against 113k, 0.72; offered 400,000/s, 214k
 # against 396k answered, 0.54) and the earlier version of this script (core
-# time 1.22x at 60,000/s; highest rate 0.97-1.08) disagreed:
+# time 1.22x at 60,000/s; highest rate 0.97-1.08) disagreed. Figures below
+# from a full run on a quiet host (5 minutes) and --quick runs while other
+# jobs' builds and tests kept both CPUs busy:
 #   - CPU per request. That harness divided the CPU time of the reflector
 #     PROCESS by its replies; this script divided the busy ticks of the
 #     reflector's CORE (/proc/stat). Both include the receive path of each
@@ -63,36 +68,41 @@
 #     the reflector's own sendto, and this kernel (no IRQ time accounting)
 #     charges it to the process (perf: net_rx_action under sendto is 32%
 #     of the baseline's samples, 24% of the daemon's). What the core figure
-#     adds is everything else the scheduler ran on that core, sampled at
-#     the tick: on this shared machine other jobs' compilers and tests. It
-#     swings with them: in two --quick runs the core ratio was 1.34 and
-#     1.16 while the process ratio was 1.09 and 1.30. The process figure
-#     (schedstat, per thread, in ns) is the one judged now. The daemon's
-#     extra cost is mostly user time (17,900 instructions a request; 2.4-2.5
-#     us of user time per reply against the baseline's 0.3-0.8), a roughly
-#     fixed amount: the ratio is highest on a quiet host (5.4 us for the
-#     baseline there) and falls as other jobs' cache pollution inflates
-#     both (9.6 us for the baseline here).
+#     adds is whatever else the scheduler ran on that core, sampled at the
+#     tick, and it swings with the host: core ratio 1.34 and 1.16 in two
+#     busy --quick runs whose process ratios were 1.09 and 1.30; 1.18 for
+#     both on the quiet host. The process figure (schedstat, every thread,
+#     in ns) is the one judged now. It still comes out lower here than
+#     there because the common part is larger on this virtual machine: the
+#     bare reflector takes 10.85 us a reply at 50,000/s (8.46 at 100,000/s,
+#     some 6.4 when saturated), twice that harness's 5.4, for the wake-up
+#     of an idle virtual CPU per request, the system calls and the replies'
+#     receive path; the daemon's extra, mostly user time (2.60 against 0.27
+#     us a reply; 17,900 instructions a request, 83% of them in the table
+#     check), weighs less: 12.85 against 10.85 us, 1.18. On a host where
+#     the common part costs 5.4 us the same extra gives about 1.4-1.5.
 #   - Highest rate. The paced generator was not the limit (it offered
-#     175,000/s when asked 180,000/s, twice what either reflector carries).
-#     Two queue effects were: on this busy host a reflector is now and then
+#     175,000/s when asked 180,000/s, more than either reflector carries).
+#     Two queue effects were: on a busy host a reflector is now and then
 #     kept off its core for milliseconds; the baseline's 256-request queue
 #     then overflows at rates it carries easily, and stopped its search
-#     early (in a --quick run with the batched generator and the default
-#     queue it lost 0.5-1.7% at 45,500-56,000/s, where the daemon passed
-#     up to 91,700/s); the daemon's 7,750-request queue absorbed overload
-#     for the length of a short trial and the backlog, answered in the
-#     drain, counted as no loss (with equal queues but no lateness rule,
-#     the daemon passed 101,900/s with a median round trip of 7.6 ms,
-#     ratio 0.94). With equal queues and replies after the 20 ms grace
-#     counted as lost, a --quick run found daemon 69,544/s against the
-#     baseline's 94,435/s (0.74), beside process CPU at 50,000/s 12.56
-#     against 9.64 us (1.30) and, offered 400,000/s, 76,711 against
-#     105,200 replies/s answered (0.73).
+#     early (in a busy --quick run with the batched generator and the
+#     default queue it lost 0.5-1.7% at 45,500-56,000/s, where the daemon
+#     passed up to 91,700/s); the daemon's 7,750-request queue absorbed
+#     overload for the length of a short trial and the backlog, answered in
+#     the drain, counted as no loss (with equal queues but no lateness
+#     rule, the daemon passed 101,900/s with a median round trip of 7.6 ms,
+#     ratio 0.94). With equal queues and the lateness rule the search finds
+#     the reflectors' own limits: daemon 129,237/s against the baseline's
+#     145,259/s (0.89) on the quiet host, 69,544 against 94,435 (0.74) on a
+#     busy one (probably because the other jobs' use of the caches costs
+#     the daemon's larger user-space part more).
 #   - Offered 400,000/s. That harness's baseline answered 396,000/s, which
-#     no reflector core of this machine comes near (the baseline answered
-#     100,000-170,000/s here): its host had more room than this one, and
-#     its ratio of 0.54 is not reproduced here (0.61-0.73 in --quick runs).
+#     no core of this machine comes near (152,000-166,000/s on the quiet
+#     host); answered here: daemon 120,489 against 155,323 (0.78) on the
+#     quiet host, 0.61 and 0.73 in busy --quick runs. The daemon answers
+#     less under overload than at its highest clean rate (120,000 against
+#     129,000), the baseline more (155,000 against 145,000).
 #
 #   reflector namespace orvbench-r-PID   vr0 192.0.2.1/24  (the daemon)
 #        | veth
@@ -108,7 +118,7 @@
 # its own block of summary.txt. With --repeat N, the whole benchmark runs N
 # times (each run's summary kept as summary.1.txt ... summary.N.txt, its
 # key figures as figures.N.txt) and a table of the key figures' medians and
-# ranges follows (repeat.txt). One full run takes about 7 minutes on a
+# ranges follows (repeat.txt). One full run takes about 5 minutes on a
 # 2-CPU virtual machine, --quick about 2.5.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
