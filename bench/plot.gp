@@ -1,11 +1,12 @@
 # plot.gp -- round-trip time percentiles against offered rate, the daemon
 # beside the bare baseline, from the sweep files bench/run.sh writes
-# (columns: rate, offered, p50, p90, p99, loss %). Called as
+# (columns: rate, offered, p50, p90, p99, loss %; the paced generator).
+# Called as
 #   gnuplot -e "datadir='DIR'; outfile='FILE.png'" bench/plot.gp
 set terminal pngcairo size 900,560 noenhanced
 set output outfile
 set title "S-BFD reflector: round trip against offered rate (512 sessions, veth)"
-set xlabel "offered requests per second (the rate asked of the load generator)"
+set xlabel "offered requests per second (the rate asked of the paced load generator: one send per request)"
 set ylabel "round trip (us, log scale)"
 set logscale y
 set key top left
