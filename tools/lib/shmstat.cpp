@@ -665,6 +665,17 @@ nlohmann::ordered_json age_json(const shm_timestamp &t, const shm_timestamp &now
 }
 
 // The daemon and its configuration, as fields of `doc`.
+// The first members of both JSON reports: which store, when it was read,
+// and whether the read was consistent.
+nlohmann::ordered_json json_head(const shmstat_snapshot &snap, const std::string &name)
+{
+	nlohmann::ordered_json doc;
+	doc["object"] = name;
+	doc["taken"] = ts_json(snap.taken);
+	doc["consistent"] = snap.stable;
+	return doc;
+}
+
 void daemon_json(nlohmann::ordered_json &doc, const shmstat_daemon &d, const shm_timestamp &now)
 {
 	using nlohmann::ordered_json;
@@ -690,10 +701,7 @@ std::string shmstat_format_json(const shmstat_snapshot &snap, const std::string 
 {
 	using nlohmann::ordered_json;
 	const reflector_shm &st = snap.store;
-	ordered_json doc;
-	doc["object"] = name;
-	doc["taken"] = ts_json(snap.taken);
-	doc["consistent"] = snap.stable;
+	ordered_json doc = json_head(snap, name);
 	daemon_json(doc, view.daemon, snap.taken);
 	const std::pair<shmstat_group, const char *> groups[] = {
 		{shmstat_group::global, "counters"},
@@ -832,10 +840,7 @@ std::string shmstat_format_delta_json(const shmhist_delta &d, const shmstat_snap
 {
 	using nlohmann::ordered_json;
 	const reflector_shm &st = snap.store;
-	ordered_json doc;
-	doc["object"] = name;
-	doc["taken"] = ts_json(snap.taken);
-	doc["consistent"] = snap.stable;
+	ordered_json doc = json_head(snap, name);
 	doc["since"] = d.have_base ? ts_json(d.since) : ordered_json(nullptr);
 	doc["interval_s"] = d.have_base ? ordered_json(d.seconds) : ordered_json(nullptr);
 	doc["notes"] = d.notes;
