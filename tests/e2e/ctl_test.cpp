@@ -9,10 +9,7 @@
 
 namespace {
 
-using e2e::bin;
-using e2e::ms;
-
-using e2e::result;
+using e2e::bin, e2e::ms, e2e::result;
 
 class CtlInNamespace : public e2e::E2eTest {
 protected:
@@ -61,35 +58,38 @@ TEST_F(CtlInNamespace, ChangesWhatItIsAskedShowsItInTheNextReplyAndReportsAnUnre
 		    r.has(" (last change)\npid           " + std::to_string(pid) + ", started "))
 		<< r.out;
 
-	// Without the file of this daemon only a complete change is sent.
-	const std::string stale_object = shm_name() + "-stale";
-	const std::string stale = std::string(RUN_STATE_DIR) + "/" + stale_object + RUN_STATE_SUFFIX;
+	// Refused, and nothing sent: a partial change without the file of this
+	// daemon; sources it cannot send from (a loopback address, one not of
+	// its namespace); errors of the command line and of reaching it.
+	const std::string stale_object = shm_name() + "-stale", stale = e2e::state_file(stale_object), p = std::to_string(pid);
 	const testutil::undo remove_stale{[&] { unlink(stale.c_str()); }};
 	s.pid = 1;
 	ASSERT_EQ(run_state_write(stale.c_str(), s), 0);
-	r = ctl(here(), {"--object", stale_object, "--admin-up"});
-	EXPECT_TRUE(r.status == 1 && r.has("is stale: it was written by process 1, not " + std::to_string(pid)) &&
-		    r.has("give all four values")) << r.out;
-	r = ctl(here(), {"--nspath", "/orv-none", "--show"});
-	EXPECT_TRUE(r.status == 1 && r.has("no run-state file " + std::string(RUN_STATE_DIR) + "/orvalindwarden-orv-none.state"))
-		<< r.out;
-	r = ctl(here(), {});
-	EXPECT_TRUE(r.status == 2 && r.has("nothing to change")) << r.out;
-	r = ctl({"--pid", std::to_string(pid), "--pidfile", "/nonexistent/orv.pid"}, {"--admin-up"});
-	EXPECT_TRUE(r.status == 2 && r.has("--pid and --pidfile exclude each other")) << r.out;
-	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << "a refused change was sent";
-
 	std::ofstream(logs.file("d.pid")) << pid << "\n";
-	for (const auto &[where, message] : std::initializer_list<std::pair<std::vector<std::string>, const char *>>{
-		     {{"--netns", ns_d, "--pid", "4194305"}, "no process with pid 4194305"},  // above any pid
-		     {{"--netns", "orvtest-none", "--pid", std::to_string(pid)}, "netlink socket in namespace orvtest-none"},
-		     {{"--netns", ns_d, "--pidfile", "/nonexistent/orv.pid"}, "cannot read pid file"},
-		     {{"--netns", ns_d, "--pidfile", "/dev/zero"}, "pid file /dev/zero is not a regular file"},  // refused unread
-		     {{"--pid", std::to_string(pid)}, "another network namespace"},  // the daemon's port is not in ours
-	     }) {
-		r = ctl(where, {"-d", "9", "-r", "1", "-s", e2e::DAEMON_IP, "--admin-up"});
-		EXPECT_TRUE(r.status == 1 && r.has(message)) << r.out;
+	const std::vector<std::string> all = {"-d", "9", "-r", "1", "-s", e2e::DAEMON_IP, "--admin-up"};
+	const struct {
+		std::vector<std::string> where, what;
+		int status;
+		std::string message, also = "";
+	} refused[] = {
+		{here(), {"--object", stale_object, "--admin-up"}, 1, "is stale: it was written by process 1, not " + p, "give all four values"},
+		{here(), {"--nspath", "/orv-none", "--show"}, 1, "no run-state file " + e2e::state_file("orvalindwarden-orv-none")},
+		{here(), {}, 2, "nothing to change"},
+		{{"--pid", p, "--pidfile", "/nonexistent/orv.pid"}, {"--admin-up"}, 2, "--pid and --pidfile exclude each other"},
+		{here(), {"-d", "300", "-r", "1", "-s", "127.0.0.1", "--admin-up"}, 2, "'127.0.0.1' cannot be a source address"},
+		{here(), {"-d", "300", "-r", "1", "-s", "198.51.100.9", "--admin-up"}, 1,
+		 "source 198.51.100.9 is no address of network namespace " + ns_d},
+		{{"--netns", ns_d, "--pid", "4194305"}, all, 1, "no process with pid 4194305"},  // above any pid
+		{{"--netns", "orvtest-none", "--pid", p}, all, 1, "netlink socket in namespace orvtest-none"},
+		{{"--netns", ns_d, "--pidfile", "/nonexistent/orv.pid"}, all, 1, "cannot read pid file"},
+		{{"--netns", ns_d, "--pidfile", "/dev/zero"}, all, 1, "pid file /dev/zero is not a regular file"},  // refused unread
+		{{"--pid", p}, all, 1, "another network namespace"},  // the daemon's port is not in ours
+	};
+	for (const auto &c : refused) {
+		r = ctl(c.where, c.what);
+		EXPECT_TRUE(r.status == c.status && r.has(c.message) && r.has(c.also)) << r.out;
 	}
+	EXPECT_EQ(traced("RX-Netlink: set "), 2u) << "a refused change was sent";
 
 	r = ctl({"--netns", ns_d, "--pidfile", logs.file("d.pid")}, {"-d", "200", "-r", "5000", "-s", e2e::DAEMON_IP, "--admin-down"});
 	ASSERT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
@@ -108,19 +108,12 @@ TEST_F(CtlInNamespace, ChangesWhatItIsAskedShowsItInTheNextReplyAndReportsAnUnre
 			     reply->v.src_port, reply->v.tos, reply->v.ttl),
 		  std::tuple(BFD_STATE_UP, 0, 0u, 0xc0000203u, SBFD_PORT, 0xc0, 255))
 		<< "reply not from the new address, or without the socket's options";
-	// Sources the daemon cannot send from are refused, and nothing is sent:
-	// a loopback address, and 198.51.100.9, no address of its namespace.
-	r = ctl(here(), {"-d", "300", "-r", "1", "-s", "127.0.0.1", "--admin-up"});
-	EXPECT_TRUE(r.status == 2 && r.has("'127.0.0.1' cannot be a source address")) << r.out;
-	r = ctl(here(), {"-d", "300", "-r", "1", "-s", "198.51.100.9", "--admin-up"});
-	EXPECT_TRUE(r.status == 1 && r.has("source 198.51.100.9 is no address of network namespace " + ns_d)) << r.out;
 	EXPECT_EQ(traced("RX-Netlink: set "), 4u) << trace();
 	// The source it runs with is kept without a check, even gone from the namespace.
 	ASSERT_EQ(testutil::run("ip -n " + ns_d + " addr del 192.0.2.3/24 dev vd0"), 0);
 	r = ctl(here(), {"--admin-down"});
 	EXPECT_EQ(std::tuple(r.status, r.out), std::tuple(0, ""));
 }
-
 
 // The daemon ends when it cannot bind a new source's port 7784 (here held by
 // another socket, while the address itself binds, as ctl checks it): ctl

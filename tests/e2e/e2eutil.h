@@ -52,6 +52,9 @@ inline result run(const std::vector<std::string> &argv, const std::vector<std::s
 	return {p.exit_status(), p.out() + p.err()};
 }
 
+// The run-state file (runstate.h) of the daemon of store `object`.
+inline std::string state_file(const std::string &object) { return std::string(RUN_STATE_DIR) + "/" + object + RUN_STATE_SUFFIX; }
+
 // Skips without root; each test starts the daemon itself.
 class E2eTest : public ::testing::Test {
 protected:
@@ -88,8 +91,7 @@ protected:
 		return daemon->running() && bound();
 	}
 	// Starts the daemon on 192.0.2.1 and opens the initiator's UDP socket,
-	// connected to the daemon's 7784, and its packet socket on vi0 (sees
-	// every frame there, sends crafted ones).
+	// connected to the daemon's 7784, and its packet socket on vi0.
 	void start(std::uint32_t disc, std::uint32_t min_rx, const std::vector<std::string> &extra = {})
 	{
 		std::vector<std::string> args = {"-d", std::to_string(disc), "-p", DAEMON_IP, "-r", std::to_string(min_rx)};
@@ -112,8 +114,7 @@ protected:
 
 	std::string nspath() const { return "/" + tag; }
 	std::string shm_name() const { return "orvalindwarden-" + tag; }
-	// The daemon's run-state file (runstate.h).
-	std::string state_path() const { return std::string(RUN_STATE_DIR) + "/" + shm_name() + RUN_STATE_SUFFIX; }
+	std::string state_path() const { return state_file(shm_name()); }
 	// The daemon's trace as blcat renders it (`suffix` ".1": the previous run's).
 	std::string trace(const std::string &suffix = "") const
 	{
@@ -135,14 +136,15 @@ protected:
 			.src_ip = INITIATOR_IP_H, .dst_ip = DAEMON_IP_H, .src_port = port};
 	}
 	// The next frame from port 7784 that reached vi0 within `timeout`; with
-	// `outgoing`, the next UDP frame that left it instead.
-	std::optional<reply> capture(ms timeout = std::chrono::seconds(3), bool outgoing = false)
+	// `outgoing`, the next UDP frame that left it instead; both on packet
+	// socket `fd` instead of vi0's when given.
+	std::optional<reply> capture(ms timeout = std::chrono::seconds(3), bool outgoing = false, int fd = -1)
 	{
 		for (const auto end = std::chrono::steady_clock::now() + timeout; std::chrono::steady_clock::now() < end;) {
 			reply r{std::vector<std::uint8_t>(2048)};
 			sockaddr_ll from{};
 			socklen_t fl = sizeof from;
-			const ssize_t n = recvfrom(raw.get(), r.frame.data(), r.frame.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
+			const ssize_t n = recvfrom(fd < 0 ? raw.get() : fd, r.frame.data(), r.frame.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
 			r.frame.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
 			if (n > 0 && (from.sll_pkttype == PACKET_OUTGOING) == outgoing && probe_frame_parse(r.frame, &r.v) &&
 			    (outgoing || r.v.src_port == SBFD_PORT)) {
@@ -151,6 +153,14 @@ protected:
 			}
 		}
 		return std::nullopt;
+	}
+	// Sends request `p` from vi0 in a frame shaped as `s`; whether all of it went.
+	bool send_frame(const frame_spec &s, const probe_params &p)
+	{
+		std::uint8_t b[BFD_PKT_LEN];
+		probe_encode_request(p, b);
+		const auto f = probe_frame_build(s, b);
+		return send(raw.get(), f.data(), f.size(), 0) == static_cast<ssize_t>(f.size());
 	}
 	// Sends `p` from the initiator's UDP socket; the reply to it, if any.
 	std::optional<reply> ask(const probe_params &p, ms timeout = std::chrono::seconds(3))
@@ -173,11 +183,9 @@ protected:
 	testutil::temp_dir logs{"orvlogs"};
 	std::optional<testutil::child_process> daemon;  // killed before the namespaces go
 	// Shell commands run in a mount namespace of the daemon's own before it
-	// starts (empty: none), to give it file systems of a chosen size or owner.
+	// starts, to give it file systems of a chosen size or owner (empty: none).
 	std::string private_fs;
-	// A command that execs the daemon (the same pid), put between `ip netns
-	// exec` and it (empty: none); e.g. setpriv, to start it with fewer
-	// capabilities.
+	// A command that execs the daemon in its place, e.g. setpriv (empty: none).
 	std::vector<std::string> wrapper;
 	unique_fd udp, raw;
 	static constexpr std::uint16_t port = 40000;  // the initiator's UDP port; the namespace is ours alone

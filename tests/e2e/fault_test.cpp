@@ -70,11 +70,9 @@ protected:
 		}
 	}
 
-protected:
-	// The daemon's own view of the file system: a small /dev of its own
-	// with /dev/null, a /dev/shm tmpfs of `shm_size` and /dev/log a link to
-	// the test's system-log socket; the trace directory a tmpfs of
-	// `trace_size` unless empty. `extra` runs last.
+	// The daemon's own file system: a /dev with /dev/null, a /dev/shm of
+	// `shm_size` and /dev/log the test's system-log socket; the trace
+	// directory a tmpfs of `trace_size` unless empty. `extra` runs last.
 	void isolate(const std::string &trace_size, const std::string &shm_size, const std::string &extra = "")
 	{
 		private_fs = "mount --make-rprivate /\n";
@@ -198,7 +196,7 @@ TEST_F(FaultInNamespace, KillNineThenPersistRestartUnderHarmLosesNothingAndAnswe
 			    (!was.discriminator || is.num_received > was.num_received))
 			<< "slot " << k;
 	}
-	// The killed run's trace is the previous generation, readable to its end.
+	// The killed run's trace is the previous generation.
 	const std::string old = trace(".1");
 	EXPECT_NE(old.find("INIT: orvalindwarden ready"), std::string::npos);
 	EXPECT_NE(old.find("TX: Send 24 bytes back to initiator"), std::string::npos);
@@ -217,8 +215,8 @@ TEST_F(FaultInNamespace, TraceStorageFullAtStartFillingOrTruncatedUnderLoadNever
 		EXPECT_EQ(std::tuple(r.answered, r.wrong), std::tuple(r.sent, 0u));
 		EXPECT_TRUE(daemon->running());
 	};
-	// The file's blocks are its own from the start: a file system that fills
-	// up afterwards takes none of them, and tracing goes on.
+	// The file's blocks are reserved at start: a file system that fills up
+	// afterwards takes none of them.
 	isolate("6m", "1m");
 	start(DISC, MIN_RX);
 	const std::string file = seen(logs.file("orvalindwarden.bl"));

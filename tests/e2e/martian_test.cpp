@@ -3,7 +3,6 @@
 // sockets, but their replies never leave: each counts as a failed send. The
 // host's addresses are followed as they come, also after the daemon missed
 // the kernel's notices of them.
-#include <linux/if_packet.h>
 #include <signal.h>
 
 #include <fstream>
@@ -25,14 +24,10 @@ TEST_F(MartianInNamespace, ForgedMartianAndOwnSourcesCountAsFailedSendsAndNoRepl
 	auto send_from = [&](std::uint32_t src, std::uint32_t my_disc) {
 		frame_spec s = shape();
 		s.src_ip = src;
-		std::uint8_t req[BFD_PKT_LEN];
-		probe_encode_request({.my_disc = my_disc, .your_disc = DISC}, req);
-		const auto f = probe_frame_build(s, req);
-		EXPECT_EQ(send(raw.get(), f.data(), f.size(), 0), static_cast<ssize_t>(f.size()));
+		EXPECT_TRUE(send_frame(s, {.my_disc = my_disc, .your_disc = DISC}));
 	};
 	// A true request; the Your Discriminator of the first reply on the
-	// initiator's link, then the store once that reply is counted (the
-	// daemon counts it after it left).
+	// initiator's link, and the store once the daemon counted that reply.
 	auto ask_true = [&](std::uint32_t my_disc, std::uint64_t sends) {
 		const auto r = ask({.my_disc = my_disc, .your_disc = DISC});
 		testutil::wait_until([&] { return store().tx_sends >= sends; });
@@ -52,17 +47,9 @@ TEST_F(MartianInNamespace, ForgedMartianAndOwnSourcesCountAsFailedSendsAndNoRepl
 	EXPECT_EQ(first, 200u) << "the true initiator is answered, and before it no one on its link";
 	EXPECT_EQ(std::tuple(shm.rx_valid_pkts, shm.tx_sends, shm.sendto_fail), std::tuple(8u, 1u, 7u)) << "each once, no retry";
 	std::vector<std::uint32_t> left;  // destinations of replies that left the daemon's host
-	std::vector<std::uint8_t> f(2048);
-	for (int i = 0; i < 1000; i++) {
-		sockaddr_ll from{};
-		socklen_t fl = sizeof from;
-		const ssize_t n = recvfrom(cap.get(), f.data(), f.size(), 0, reinterpret_cast<sockaddr *>(&from), &fl);
-		frame_view v;
-		if (n < 0)
-			break;
-		if (from.sll_pkttype == PACKET_OUTGOING && probe_frame_parse({f.data(), static_cast<std::size_t>(n)}, &v) && v.src_port == SBFD_PORT)
-			left.push_back(v.dst_ip);
-	}
+	while (const auto f = capture(e2e::ms(200), /*outgoing=*/true, cap.get()))
+		if (f->v.src_port == SBFD_PORT)
+			left.push_back(f->v.dst_ip);
 	EXPECT_EQ(left, std::vector<std::uint32_t>{e2e::INITIATOR_IP_H});
 	for (const std::string t = trace(); const char *a : forged)
 		EXPECT_NE(t.find(std::string("ERROR: sendto() returns -1, errno 99 dst_ip ") + a + "\n"), std::string::npos) << a;

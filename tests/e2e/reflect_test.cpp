@@ -42,24 +42,20 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredAndFilteredFramesN
 	start(DISC, MIN_RX);
 	expect_reply(ask(request(1001)), 1001, port);
 
-	// Sends request(`my_disc`) in a crafted frame; under label 0 the reply
-	// comes back as plain IPv4/UDP.
-	auto send_frame = [&](std::uint32_t my_disc, std::vector<std::uint32_t> labels, std::uint16_t dst_port = SBFD_PORT,
-			      std::uint16_t frag = 0) {
+	// Under label 0 the reply comes back as plain IPv4/UDP.
+	auto send_as = [&](std::uint32_t my_disc, std::vector<std::uint32_t> labels, std::uint16_t dst_port = SBFD_PORT,
+			   std::uint16_t frag = 0) {
 		frame_spec s = shape();
 		std::tie(s.labels, s.dst_port, s.frag) = std::tuple(labels, dst_port, frag);
-		std::uint8_t req[BFD_PKT_LEN];
-		probe_encode_request(request(my_disc), req);
-		const auto f = probe_frame_build(s, req);
-		return send(raw.get(), f.data(), f.size(), 0) == static_cast<ssize_t>(f.size());
+		return send_frame(s, request(my_disc));
 	};
-	ASSERT_TRUE(send_frame(2002, {0}));
+	ASSERT_TRUE(send_as(2002, {0}));
 	expect_reply(capture(), 2002, port);
 
 	// Frames the filters reject, then a valid one: once its reply is in, the
 	// daemon has had every frame before it.
-	ASSERT_TRUE(send_frame(9, {}, 7785) && send_frame(9, {}, SBFD_PORT, 0x0010) && send_frame(9, {16}) &&
-		    send_frame(9, {0, 0}) && send_frame(9, {0}, 3784) && send_frame(3003, {}));
+	ASSERT_TRUE(send_as(9, {}, 7785) && send_as(9, {}, SBFD_PORT, 0x0010) && send_as(9, {16}) && send_as(9, {0, 0}) &&
+		    send_as(9, {0}, 3784) && send_as(3003, {}));
 	expect_reply(capture(), 3003, port);
 	EXPECT_FALSE(capture(e2e::ms(300))) << "a filtered frame was answered";
 
@@ -73,8 +69,7 @@ TEST_F(ReflectInNamespace, PlainAndLabelledRequestsAreAnsweredAndFilteredFramesN
 	EXPECT_EQ(daemon->out() + daemon->err(), "") << "nothing is printed once the command line is accepted";
 }
 
-// The receive buffers of the daemon's packet sockets as the kernel granted
-// them (SO_RCVBUF), read on copies of its descriptors.
+// The receive buffers (SO_RCVBUF) of the daemon's packet sockets, read on copies of its descriptors.
 std::vector<int> packet_socket_rcvbufs(pid_t pid)
 {
 	std::vector<int> sizes;
