@@ -72,10 +72,9 @@ struct request {
 	}
 };
 
-// A context over a store of its own (shared, so that a death test's child's
-// writes show here), the receive socket pair, a transmit socket and the
-// loopback receiver that replies to frame_shape()'s requests reach. setup_table() is apart so that
-// a test may fill the store first.
+// A context over a store of its own (shared: a death test's child's writes
+// show here), the receive socket pair, a transmit socket and the loopback
+// receiver of replies. setup_table() is apart: a test may fill the store first.
 struct harness {
 	reflector_shm *store = static_cast<reflector_shm *>(
 		mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));

@@ -27,9 +27,7 @@ void fill(harness &h, std::uint32_t n, std::uint32_t first_disc = 1)
 reflector_session session_record(std::uint32_t disc, std::uint32_t source_ip, shm_timestamp last_rx = {})
 {
 	reflector_session s{};
-	s.discriminator = disc;
-	s.source_ip = source_ip;
-	s.last_rx = last_rx;
+	s.discriminator = disc, s.source_ip = source_ip, s.last_rx = last_rx;
 	return s;
 }
 
