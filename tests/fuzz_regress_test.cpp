@@ -30,47 +30,40 @@ std::map<std::string, std::vector<std::uint8_t>> inputs(const std::string &targe
 	return all;
 }
 
-TEST(FuzzRegress, StoreInputsAreRefusedOrRenderedInAllThreeFormats)
+// Each input as a store (cut or zero-extended) and as a --delta history file:
+// refused with a reason, or rendered in all three formats, or written back
+// byte for byte (the corpus input "history" is the one history file).
+TEST(FuzzRegress, StoreInputsAreRefusedOrRenderedAndHistoriesWrittenBackAsRead)
 {
 	const auto all = inputs("fuzz_shmstat");
 	ASSERT_TRUE(all.count("used_slot_time_far_in_the_past"));
-	int rendered = 0;
+	int rendered = 0, parsed = 0;
 	for (const auto &[name, bytes] : all) {
-		auto snap = std::make_unique<shmstat_snapshot>();  // the input cut or zero-extended
+		auto snap = std::make_unique<shmstat_snapshot>();
 		std::copy_n(bytes.begin(), std::min(bytes.size(), SHM_SIZE), reinterpret_cast<std::uint8_t *>(&snap->store));
 		snap->taken = {1700000000, 500000000};
 		snap->stable = true;
 		std::string why;
 		// used_slot_time_far_in_the_past once overflowed the age computation.
-		if (!shmstat_plausible(snap->store, true, &why)) {
+		if (shmstat_plausible(snap->store, true, &why)) {
+			EXPECT_NE(name, "used_slot_time_far_in_the_past");
+			for (const std::string &out : {shmstat_format_text(*snap, "orvalindwarden-regress", snap.get()),
+						       shmstat_format_json(*snap, "orvalindwarden-regress"),
+						       shmstat_format_prometheus(*snap, "orvalindwarden-regress")})
+				EXPECT_NE(out, "") << name;
+			rendered++;
+		} else
 			EXPECT_NE(why, "") << name;
-			continue;
-		}
-		EXPECT_NE(name, "used_slot_time_far_in_the_past");
-		EXPECT_NE(shmstat_format_text(*snap, "orvalindwarden-regress", snap.get()), "") << name;
-		EXPECT_NE(shmstat_format_json(*snap, "orvalindwarden-regress"), "") << name;
-		EXPECT_NE(shmstat_format_prometheus(*snap, "orvalindwarden-regress"), "") << name;
-		rendered++;
-	}
-	EXPECT_GE(rendered, 3);
-}
-
-// The same inputs as --delta history files: refused with a reason, or
-// written back byte for byte (the corpus input "history" is one).
-TEST(FuzzRegress, StoreInputsAsHistoryFilesAreRefusedOrWrittenBackAsRead)
-{
-	int parsed = 0;
-	for (const auto &[name, bytes] : inputs("fuzz_shmstat")) {
 		const std::string text(bytes.begin(), bytes.end());
 		shmhist h;
-		std::string why;
-		if (!shmhist_parse(text, &h, &why)) {
+		why.clear();
+		if (shmhist_parse(text, &h, &why)) {
+			EXPECT_EQ(shmhist_format(h), text) << name;
+			parsed += name == "history";
+		} else
 			EXPECT_NE(why, "") << name;
-			continue;
-		}
-		EXPECT_EQ(shmhist_format(h), text) << name;
-		parsed += name == "history";
 	}
+	EXPECT_GE(rendered, 3);
 	EXPECT_EQ(parsed, 1);
 }
 

@@ -7,11 +7,6 @@
 # usage: install_test.sh BUILD_DIR SOURCE_DIR CHECK
 #   CHECK: package, lint, lintian, dpkg-root, maintscripts or failed-run
 # Exit status: 0 pass, 1 fail, 77 skipped (a needed program or privilege is missing).
-#
-# Nothing here changes the machine: the package is unpacked or installed only
-# under a temporary directory, and maintainer scripts and the daemon run in
-# mount and network namespaces of their own, with empty file systems over the
-# directories they write on a real system.
 set -euo pipefail
 build=$1 src=$2 what=$3 inside=${4:-}
 
@@ -23,15 +18,13 @@ need() {
 	done
 }
 
-# found_package: sets deb (the package in $tmp), p (the install prefix) and
-# root (where it is unpacked).
+# found_package: sets deb (the package in $tmp), p (install prefix), root (unpacked).
 found_package() {
 	deb=$(ls "$tmp"/orvalindwarden_*.deb)
 	p=$(sed -n 's/^set(CPACK_PACKAGING_INSTALL_PREFIX "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
 	root=$tmp/root
 }
-# make_package: builds and unpacks the package in a temporary directory $tmp
-# (removed on exit) and calls found_package.
+# make_package: builds and unpacks the package in $tmp, removed on exit.
 make_package() {
 	need cpack dpkg-deb dpkg-shlibdeps
 	tmp=$(mktemp -d "${TMPDIR:-/tmp}/orvpkg-$$-XXXXXX")
@@ -41,11 +34,9 @@ make_package() {
 	dpkg-deb -x "$deb" "$root"
 }
 
-# isolated CMD...: runs CMD in new mount and network namespaces (and a user
-# namespace when not root) with an empty tmpfs over each directory that
-# maintainer scripts or the daemon write on a real system, so that no mistake
-# reaches the machine's own. can_isolate skips the check when the kernel
-# refuses the namespaces.
+# isolated CMD...: runs CMD in new mount and network namespaces (a user one
+# too when not root) with an empty tmpfs over each directory that maintainer
+# scripts or the daemon write, so that nothing here changes the machine.
 PRIVATE_DIRS="/run /var/log /dev/shm /etc/systemd/system"
 unshare_as=()
 [ "$(id -u)" -eq 0 ] || unshare_as=(-r)
@@ -63,9 +54,8 @@ isolated() {
 		exec "$@"' "$PRIVATE_DIRS" "$@"
 }
 
-# in_isolation: makes the package and runs this check again under
-# isolated(), where it takes the package made outside (BUILD_DIR SOURCE_DIR
-# CHECK TEMP_DIR). Returns only there.
+# in_isolation: makes the package and runs this check again under isolated()
+# with the package's TEMP_DIR as 4th argument. Returns only there.
 in_isolation() {
 	if [ -n "$inside" ]; then
 		tmp=$inside
@@ -108,10 +98,8 @@ package)
 	dpkg-deb -e "$deb" "$tmp/control"
 	grep -qx /etc/default/orvalindwarden "$tmp/control/conffiles" || fail "the environment file is not a conffile"
 
-	# Source file names in the programs (trace descriptors, assertion
-	# messages) are relative to the tree, never the builder's directory. A
-	# sanitizer build, never shipped, keeps the sanitizers' own absolute
-	# source locations.
+	# Source file names in the programs are relative to the tree (a sanitizer
+	# build, never shipped, keeps the sanitizers' own absolute ones).
 	if ! grep -q '^ORV_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then
 		! grep -l -F "$src/" "$root$p"/sbin/* "$root$p"/bin/* || fail "programs name the build's source directory"
 	fi
@@ -127,9 +115,8 @@ package)
 		done
 	done
 
-	# The units as installed, ExecStart pointed at the unpacked daemon (the
-	# prefix is not installed here); the template as instance "blue".
-	# systemd-analyze warns without failing, so any output fails.
+	# The units, ExecStart pointed at the unpacked daemon, the template as
+	# instance "blue". systemd-analyze warns without failing: any output fails.
 	command -v systemd-analyze >/dev/null || { echo "systemd-analyze missing: units not verified"; echo PASS; exit 0; }
 	for pair in orvalindwarden.service:orvalindwarden.service orvalindwarden@.service:orvalindwarden@blue.service; do
 		unit=$root$p/lib/systemd/system/${pair%%:*}
@@ -186,14 +173,11 @@ dpkg-root)
 	for f in $ours $r/etc/default/orvalindwarden; do
 		[ ! -e "$f" ] && [ ! -L "$f" ] || fail "purge left ${f#"$r"}"
 	done
-	for f in $theirs; do
-		[ -e "$f" ] || [ -L "$f" ] || fail "purge deleted ${f#"$r"}, which is not the package's"
-	done
+	for f in $theirs; do [ -e "$f" ] || [ -L "$f" ] || fail "purge deleted ${f#"$r"}, which is not the package's"; done
 	;;
 maintscripts)
-	# The scripts against the real paths, which isolated() hides, as on a
-	# system that runs systemd; systemctl, deb-systemd-invoke and
-	# systemd-sysctl are stand-ins that note what they are asked.
+	# The scripts against the real paths, which isolated() hides, under systemd;
+	# systemctl, deb-systemd-invoke and systemd-sysctl note what they are asked.
 	in_isolation
 	dpkg-deb -e "$deb" "$tmp/control"
 	mkdir -p /run/systemd/system "$tmp/fake"
@@ -201,8 +185,7 @@ maintscripts)
 		printf '#!/bin/sh\necho "%s $*" >>"%s"\n' "$tool" "$tmp/calls" >"$tmp/fake/$tool"
 		chmod +x "$tmp/fake/$tool"
 	done
-	# run SCRIPT ARGS... EXPECTED: runs a maintainer script as dpkg would and
-	# compares the calls it made with EXPECTED (one per line).
+	# run SCRIPT ARGS... EXPECTED: runs a maintainer script; its calls must be EXPECTED.
 	run() {
 		local want=${*: -1}
 		: >"$tmp/calls"
@@ -246,8 +229,7 @@ failed-run)
 	"$root$p/bin/blcat" "$tmp/log/orvalindwarden.bl" >"$tmp/trace"
 	grep -q 'ERROR: reflector shared memory' "$tmp/trace" || { cat "$tmp/trace"; fail "no error record of the store"; }
 
-	# Each record names its source file relative to the tree: no descriptor
-	# carries the build's absolute path.
+	# Each record names its source file relative to the tree.
 	awk '/^[0-9][0-9][0-9][0-9]-[0-9][0-9]-[0-9][0-9] / && $4 !~ /^src\/reflector\/[A-Za-z]+\.cpp:[0-9]+$/' \
 		"$tmp/trace" >"$tmp/bad"
 	[ ! -s "$tmp/bad" ] || { cat "$tmp/bad"; fail "trace records name source files outside the tree's relative paths"; }

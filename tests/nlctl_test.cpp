@@ -1,8 +1,6 @@
 // nlctl_test.cpp -- the control agent's library: argument validation, the
 // pid file's forms, and a partial change completed from the running values.
-// The message bytes, the "nobody there" errors, pid files that are no
-// regular files, the run-state file and the check of an applied change are
-// met end to end (tools_test, ctl_test, fault_test).
+// The rest is met end to end (tools_test, ctl_test, fault_test).
 #include "nlctl.h"
 
 #include <arpa/inet.h>
@@ -44,22 +42,14 @@ TEST(Nlctl, ArgumentsAreDecimalsWithinRangeAndUsableAddresses)
 TEST(Nlctl, PidFileHoldsADecimalPidAndAtMostANewline)
 {
 	testutil::temp_dir dir;
+	constexpr const char *NUM = "expected a decimal number";
 	const std::tuple<std::string, pid_t, const char *> cases[] = {  // content, pid read (0: refused), message part
-		{"4242\n", 4242, ""},
-		{"4242", 4242, ""},
-		{std::string(27, '0') + "4242\n", 4242, ""},  // 32 bytes
-		{std::string(28, '0') + "4242\n", 0, "more than 32 bytes"},
-		{"", 0, "expected a decimal number"},
-		{"\n", 0, "expected a decimal number"},
-		{"4242\n\n", 0, "expected a decimal number"},
-		{"4242\nfoo\n", 0, "expected a decimal number"},
-		{" 4242\n", 0, "expected a decimal number"},
-		{"42\x1b[2J\n", 0, "expected a decimal number"},
-		{"0\n", 0, "out of range"},
-		{"2147483648\n", 0, "out of range"},
+		{"", 0, NUM}, {"\n", 0, NUM}, {"4242\n\n", 0, NUM}, {"4242\nfoo\n", 0, NUM}, {" 4242\n", 0, NUM}, {"42\x1b[2J\n", 0, NUM},
+		{"4242\n", 4242, ""}, {"4242", 4242, ""}, {std::string(27, '0') + "4242\n", 4242, ""},  // 32 bytes
+		{std::string(28, '0') + "4242\n", 0, "more than 32 bytes"}, {"0\n", 0, "out of range"}, {"2147483648\n", 0, "out of range"},
 	};
+	const std::string path = dir.file("orv.pid");
 	for (const auto &[content, want, why] : cases) {
-		const std::string path = dir.file("orv.pid");
 		std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
 		pid_t pid = 0;
 		std::string err;

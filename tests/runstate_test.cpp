@@ -1,7 +1,5 @@
-// runstate_test.cpp -- the run-state file (src/wire/runstate.cpp): the
-// parser against hostile text, one byte corrupted or cut at a time; the
-// reader against files that are no run-state file; the writer's round trip,
-// modes, leftovers and its path.
+// runstate_test.cpp -- the run-state file (src/wire/runstate.cpp): parser,
+// reader, writer and path, against hostile text and files.
 #include "runstate.h"
 
 #include <gtest/gtest.h>
@@ -17,14 +15,8 @@
 
 namespace {
 
-const std::string VALID = "orvalindwarden-state 1\n"
-			  "pid 1440\n"
-			  "discriminator 100\n"
-			  "source 192.0.2.1\n"
-			  "min_rx 300000\n"
-			  "admin_down 0\n"
-			  "since 1795449471.713992788\n"
-			  "started 1795449400.000000001\n";
+const std::string VALID = "orvalindwarden-state 1\npid 1440\ndiscriminator 100\nsource 192.0.2.1\nmin_rx 300000\n"
+			  "admin_down 0\nsince 1795449471.713992788\nstarted 1795449400.000000001\n";
 
 // Parses a copy of exactly `text`'s bytes, so that a read beyond them shows
 // under AddressSanitizer.
@@ -51,7 +43,6 @@ TEST(RunState, ParserTakesOnlyTheExactTextWithValuesInRange)
 		  std::tuple(1440, 100u, htonl(0xc0000201), 300000u, std::uint8_t{0}, 713992788, 1));
 	EXPECT_TRUE(parses(with("pid 1440", "pid 2147483647"), &s) && s.pid == INT32_MAX);
 	EXPECT_TRUE(parses(with("since 1795449471.", "since 9223372036854775807."), &s) && s.since_sec == INT64_MAX);
-
 	const std::string refused[] = {
 		VALID + "\n", VALID + std::string(1, '\0'), with("\n", "\r\n"), with("pid 1440", "pid  1440"),
 		with("pid 1440", "pid 01440"), with("pid 1440", "pid 0"), with("pid 1440", "pid +1440"),
@@ -93,7 +84,6 @@ TEST(RunState, WrittenFileReadsBackWithItsModesAndNothingLeftBehind)
 	EXPECT_EQ(run_state_write(path.c_str(), s), 0) << std::strerror(errno);
 	umask(old_mask);
 	EXPECT_FALSE(std::filesystem::exists(dir.file("target"))) << "a link was followed";
-
 	run_state r{};
 	ASSERT_EQ(run_state_read(path.c_str(), &r), RUN_STATE_OK);
 	auto fields = [](const run_state &x) {

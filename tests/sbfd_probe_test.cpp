@@ -61,7 +61,6 @@ TEST(PingOutput, ReplyLineAndSummaryShowEveryFieldAndTheCounts)
 	EXPECT_EQ(probe_format_reply(pkt, BFD_PKT_LEN, from, 3, 1.25),
 		  "24 bytes from 192.0.2.1:7784: seq=3 state=AdminDown diag=7 (Administratively Down) flags=FC mult=3 len=24 "
 		  "my_disc=4711 your_disc=77 min_tx=1000000 min_rx=40000 min_echo_rx=5 time=1.250 ms");
-
 	ping_options opt;
 	opt.target = from.sin_addr;
 	// Round trips 0.5, 1, 1, 1, 1.2 and 2.5 ms.

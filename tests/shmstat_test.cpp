@@ -192,7 +192,6 @@ TEST(ShmstatSilent, FlagsASessionOnlyPastItsAnnouncedDetectionTimeWithAOneSecond
 		s.detect_multiplier = mult, s.desired_min_tx = tx, s.last_rx = last_rx;
 		EXPECT_EQ(shmstat_silent(s, {NOW, 0}), silent) << int(mult) << " x " << tx << " at " << last_rx.tv_sec;
 	}
-
 	// --silent lists the silent sessions (A and B of the fixed store) but counts all.
 	auto snap = fixed_snapshot();
 	shmstat_view view;
@@ -308,26 +307,17 @@ TEST(ShmstatDaemon, FindsTheProcessMappingTheStoreAndTrustsOnlyItsRunStateFile)
 	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), 0);
 	shmstat_daemon d = shmstat_probe_daemon(name, *snap, state.c_str());
 	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown), std::tuple(0L, false, "no run-state file " + state));
-
-	// A child maps the store as the daemon does, and one more read-only.
-	int ready[2];
-	ASSERT_EQ(pipe(ready), 0);
+	// A child inherits the store mapped as the daemon maps it; this process unmaps it.
+	const unique_fd fd{shm_open(name.c_str(), O_RDWR, 0)};
+	void *rw = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+	ASSERT_NE(rw, MAP_FAILED);
 	const pid_t child = fork();
-	if (child == 0) {
-		const int fd = shm_open(name.c_str(), O_RDWR, 0);
-		void *rw = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-		(void)!::write(ready[1], rw == MAP_FAILED ? "n" : "y", 1);
-		pause();
-		_exit(0);
-	}
+	if (child == 0)
+		pause(), _exit(0);
 	const testutil::undo reap{[&] { kill(child, SIGKILL), waitpid(child, nullptr, 0); }};
-	char c = 0;
-	ASSERT_EQ(read(ready[0], &c, 1), 1);
-	ASSERT_EQ(c, 'y');
-	close(ready[0]), close(ready[1]);
+	munmap(rw, SHM_SIZE);
 	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), child);
 	EXPECT_EQ(shmstat_find_holder(name, *snap, getpid()), child) << "a wrong hint must not stick";
-
 	write_state(child);
 	d = shmstat_probe_daemon(name, *snap, state.c_str());
 	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config.discriminator, d.config.admin_down, d.config.since.tv_nsec),
@@ -339,7 +329,6 @@ TEST(ShmstatDaemon, FindsTheProcessMappingTheStoreAndTrustsOnlyItsRunStateFile)
 	std::ofstream(state) << "orvalindwarden-state 1\npid 01\n";
 	d = shmstat_probe_daemon(name, *snap, state.c_str());
 	EXPECT_EQ(d.config_unknown, "run-state file " + state + " unreadable: not a run-state file");
-
 	write_state(child);
 	kill(child, SIGKILL), waitpid(child, nullptr, 0);
 	d = shmstat_probe_daemon(name, *snap, state.c_str());
@@ -361,7 +350,6 @@ TEST(ShmhistParse, ReadsBackWhatItWritesAndRefusesEachBrokenLine)
 	EXPECT_EQ(shmhist_format(back), text);
 	EXPECT_EQ(std::tuple(back.object, back.counters[0], back.sessions.size(), back.sessions[0].discriminator, back.sessions[2].received),
 		  std::tuple(h.object, 4294967313u, 3u, 200u, 12u));
-
 	// Each case edits one line of `text` (from `from` to `to`) and names the line refused.
 	const std::string session = "session 100 192.0.2.10 12 9\n";
 	std::string sessions_513;
@@ -415,7 +403,6 @@ TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
 	const shmhist base = shmhist_of(*base_snap, "orvalindwarden");
 	snap->taken.tv_sec += 4;
 	snap->store.rx_drops += 8;
-
 	shmhist_delta d = shmhist_compare(&base, *snap, "orvalindwarden");
 	auto count = [&](const char *name) {
 		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++)
@@ -434,7 +421,6 @@ TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
 		  std::tuple(4.0, 7, 2, 1));
 	const std::string text = shmstat_format_delta_text(d, *snap, "orvalindwarden");
 	EXPECT_NE(text.find("\n  bad_version               7         1.8\n"), std::string::npos) << text;
-
 	// Restarted without -S: the 64-bit counters went back.
 	snap->store.rx_valid_pkts = 2, snap->store.rx_drops = 1;
 	d = shmhist_compare(&base, *snap, "orvalindwarden");
@@ -445,7 +431,6 @@ TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
 	EXPECT_EQ(std::tuple(count("rx_valid_pkts"), count("bad_version"), count("tx_sends"), d.sessions[1].received, d.sessions[1].fresh),
 		  std::tuple(2u, 5u, 6442450951u, 12u, true));
 	EXPECT_NE(shmstat_format_delta_text(d, *snap, "orvalindwarden").find("\nnote: counters went back ("), std::string::npos);
-
 	// A history of another store, or none: counts since the store was made.
 	d = shmhist_compare(&base, *snap, "orvalindwarden-var-run-netns-blue");
 	EXPECT_EQ(std::tuple(d.have_base, d.notes.size(), count("bad_version")), std::tuple(false, 2u, 5u));
