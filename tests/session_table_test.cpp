@@ -166,3 +166,56 @@ TEST(SessionTableDeathTest, BrokenInvariantsAbortWithTheirText)
 			     std::string("Assertion failed: ") + c.text + ", file .*reflectorRx.cpp");
 	}
 }
+
+// The check compares the bucket heads 16 at a time, with AVX2 where the
+// processor has it and one by one where not: a chain is counted wherever
+// its head sits in a group, whatever its length, and a link too many or too
+// few on a chain or on sess_cache is caught.
+TEST(SessionTableDeathTest, CheckCountsChainsAtEveryBucketAndCatchesALinkTooManyOrTooFew)
+{
+	const auto relink = [](harness &h, session_node *n, std::uint32_t bucket) {
+		list_unlink(&n->hash_list);
+		list_insert_front(&h.vrf->hash_tbl[bucket], &n->hash_list);
+	};
+	const auto chains_at_every_bucket = [&] {
+		harness h;
+		h.setup_table();
+		fill(h, 3);
+		for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++)
+			for (std::uint32_t k : {511u, 510u, 509u}) {  // chains of 1, 2 and 3 at b
+				relink(h, &h.vrf->rx_sess[k], b);
+				session_sanity_check(h.vrf.get());
+			}
+		std::exit(0);
+	};
+	const auto node_too_many_at = [](std::uint32_t b) {
+		harness h;
+		h.setup_table();
+		fill(h, 2);
+		list_insert_front(&h.vrf->hash_tbl[b], &node_of_free(h.vrf->free_list.next)->hash_list);
+		h.vrf->hash_tbl[b].prev = &h.vrf->hash_tbl[b];  // only next links count
+		session_sanity_check(h.vrf.get());
+	};
+	const auto recency_link_missing = [](std::uint32_t sessions) {
+		harness h;
+		h.setup_table();
+		fill(h, sessions);
+		list_join_neighbours(h.vrf->sess_cache.next->next);
+		session_sanity_check(h.vrf.get());
+	};
+	const bool had_avx2 = session_check_avx2;
+	for (const bool avx2 : {false, had_avx2}) {
+		SCOPED_TRACE(avx2 ? "AVX2" : "one by one");
+		session_check_avx2 = avx2;
+		EXPECT_EXIT(chains_at_every_bucket(), ::testing::ExitedWithCode(0), "");
+		for (const std::uint32_t b : {0u, 15u, 16u, 1029u, 2047u}) {
+			SCOPED_TRACE(b);
+			EXPECT_DEATH(node_too_many_at(b), "count == vrf->session_count");
+		}
+		for (const std::uint32_t sessions : {3u, 512u}) {  // the list ends before the chains, or after
+			SCOPED_TRACE(sessions);
+			EXPECT_DEATH(recency_link_missing(sessions), "count == vrf->sess_cache_count");
+		}
+	}
+	session_check_avx2 = had_avx2;
+}

@@ -111,8 +111,11 @@ inline void list_move_front(list_link *head, list_link *l)
 	list_insert_front(head, l);
 }
 
-// In-process node of one session slot (node k is bound to slot k).
-struct session_node {
+// In-process node of one session slot (node k is bound to slot k). A
+// node fills one cache line of its own, so that the table check, which
+// follows both its chain link and its sess_cache link, loads one line a
+// node.
+struct alignas(64) session_node {
 	list_link hash_list;             // chain of its hash bucket, while in use
 	list_link free_link;             // free_list, while free
 	list_link cache_list;            // sess_cache, while in use
@@ -275,6 +278,9 @@ session_node *get_session(reflector_vrf *vrf, std::uint32_t discriminator,
 
 // Checks the table's invariants; aborts through ENSURE when one is broken.
 void session_sanity_check(reflector_vrf *vrf);
+// Whether the check compares bucket heads with AVX2 (set at start-up from
+// the processor's features; tests clear it to run the portable path).
+extern bool session_check_avx2;
 
 // Start-up set-up of the table over the mapped store: allocates the nodes,
 // binds node k to slot k, fills free_list, and with reflector_cfg.persist

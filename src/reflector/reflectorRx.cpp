@@ -18,6 +18,7 @@
 // start-up, the control channel and the address watch follow.
 #include <arpa/inet.h>
 #include <event2/event.h>
+#include <immintrin.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
@@ -381,20 +382,106 @@ session_node *session_alloc(reflector_vrf *vrf, std::uint32_t bucket, std::uint3
 	return session;
 }
 
-// The table check scans the bucket heads four at a time, testing each for
-// an empty chain (next is the head itself) before walking it, and steps
-// along the recency list once per group alongside: the two independent
-// pointer chases overlap instead of queueing, and no link is skipped.
-constexpr std::uint32_t BUCKET_GROUP = 4;
-static_assert(SESSION_HASH_BUCKETS % BUCKET_GROUP == 0);
-static_assert(SESSION_HASH_BUCKETS / BUCKET_GROUP >= MAX_SESSIONS, "one recency step per group suffices");
+}  // namespace
 
-inline std::uint32_t chain_length(const list_link *head)
+bool session_check_avx2 = [] {
+	__builtin_cpu_init();
+	return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("popcnt") && __builtin_cpu_supports("bmi");
+}();
+
+namespace {
+
+// The table check makes one pass over the bucket heads, 16 at a time. The
+// heads of a group are compared with themselves all at once (a head whose
+// next link is the head itself has an empty chain), giving a word with bit
+// 4i set for each head i that has a chain; then the chains of those heads
+// are walked, and the recency list advances one link per chain alongside.
+// No branch in the hot path depends on a single head, so the loads of
+// different chains and of the recency list overlap instead of each waiting
+// for a mispredicted branch. Every head, every chain link and every
+// sess_cache link is still visited, and the counts are those of a walk
+// along next links from each head.
+constexpr std::uint32_t HEADS_PER_WORD = 16;
+constexpr std::uint32_t HEAD_WORDS = SESSION_HASH_BUCKETS / HEADS_PER_WORD;
+constexpr std::uint64_t HEAD_BITS = 0x1111111111111111;  // bit 4i: head i of a group
+static_assert(SESSION_HASH_BUCKETS % HEADS_PER_WORD == 0);
+static_assert(sizeof(list_link) == 16, "bit 4i of a group is its byte offset 16i divided by 4");
+
+struct check_walk {
+	std::uint32_t chain_count;  // nodes on the chains walked so far
+	std::uint32_t cache_count;  // sess_cache links passed so far
+	const list_link *c;         // the next sess_cache link
+};
+
+// Counts the chains of the heads of `group` marked in `chained`. A marked
+// head has a node; the rest of its chain is walked from that node's next.
+[[gnu::always_inline]] inline void walk_chains(const list_link *group, std::uint64_t chained,
+					       const list_link *cache_head, check_walk &w)
 {
-	std::uint32_t n = 0;
-	for (const list_link *l = head->next; l != head; l = l->next)
-		n++;
-	return n;
+	w.chain_count += static_cast<std::uint32_t>(__builtin_popcountll(chained));
+	for (; chained != 0; chained &= chained - 1) {
+		const auto *h = reinterpret_cast<const list_link *>(reinterpret_cast<const char *>(group) +
+								    4 * __builtin_ctzll(chained));
+		for (const list_link *l = h->next->next; l != h; l = l->next)
+			w.chain_count++;
+		if (w.c != cache_head) {
+			w.cache_count++;
+			w.c = w.c->next;
+		}
+	}
+}
+
+check_walk walk_table_portable(const reflector_vrf *vrf)
+{
+	check_walk w{0, 0, vrf->sess_cache.next};
+	for (std::uint32_t g = 0; g < HEAD_WORDS; g++) {
+		const list_link *group = vrf->hash_tbl + g * HEADS_PER_WORD;
+		std::uint64_t chained = 0;
+		for (std::uint32_t i = 0; i < HEADS_PER_WORD; i++)
+			chained |= static_cast<std::uint64_t>(group[i].next != &group[i]) << (4 * i);
+		walk_chains(group, chained, &vrf->sess_cache, w);
+	}
+	return w;
+}
+
+[[gnu::target("avx2"), gnu::always_inline]] inline __m256i eq(const __m256i *p, int k, __m256i self)
+{
+	return _mm256_cmpeq_epi64(_mm256_loadu_si256(p + k), self);
+}
+
+// Eight 32-byte compares a group, each of two heads' {next, prev} with
+// {self, self, self + 1, self + 1}. Signed packs turn each head's four
+// 64-bit results into four bytes (next, next, prev, prev) and interleave the
+// heads by 128-bit lane; a fixed permutation puts them back in order.
+[[gnu::target("avx2,popcnt,bmi")]] check_walk walk_table_avx2(const reflector_vrf *vrf)
+{
+	check_walk w{0, 0, vrf->sess_cache.next};
+	constexpr long long LINK = sizeof(list_link);
+	const auto base = reinterpret_cast<long long>(vrf->hash_tbl);
+	const __m256i pair_step = _mm256_set1_epi64x(2 * LINK);
+	const __m256i group_step = _mm256_set1_epi64x(HEADS_PER_WORD * LINK);
+	const __m256i in_order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+	__m256i self = _mm256_setr_epi64x(base, base, base + LINK, base + LINK);
+	for (std::uint32_t g = 0; g < HEAD_WORDS; g++) {
+		const list_link *group = vrf->hash_tbl + g * HEADS_PER_WORD;
+		const auto *p = reinterpret_cast<const __m256i *>(group);
+		const __m256i s1 = _mm256_add_epi64(self, pair_step), s2 = _mm256_add_epi64(s1, pair_step),
+			      s3 = _mm256_add_epi64(s2, pair_step), s4 = _mm256_add_epi64(s3, pair_step),
+			      s5 = _mm256_add_epi64(s4, pair_step), s6 = _mm256_add_epi64(s5, pair_step),
+			      s7 = _mm256_add_epi64(s6, pair_step);
+		const __m256i lo = _mm256_permutevar8x32_epi32(
+			_mm256_packs_epi16(_mm256_packs_epi32(eq(p, 0, self), eq(p, 1, s1)), _mm256_packs_epi32(eq(p, 2, s2), eq(p, 3, s3))),
+			in_order);
+		const __m256i hi = _mm256_permutevar8x32_epi32(
+			_mm256_packs_epi16(_mm256_packs_epi32(eq(p, 4, s4), eq(p, 5, s5)), _mm256_packs_epi32(eq(p, 6, s6), eq(p, 7, s7))),
+			in_order);
+		const std::uint64_t empty =
+			static_cast<std::uint32_t>(_mm256_movemask_epi8(lo)) |
+			static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm256_movemask_epi8(hi))) << 32;
+		walk_chains(group, ~empty & HEAD_BITS, &vrf->sess_cache, w);
+		self = _mm256_add_epi64(self, group_step);
+	}
+	return w;
 }
 
 }  // namespace
@@ -402,32 +489,12 @@ inline std::uint32_t chain_length(const list_link *head)
 void session_sanity_check(reflector_vrf *vrf)
 {
 	ENSURE(vrf->sess_cache_count <= 512);
-	// Every bucket head, every chain link and every sess_cache link is
-	// visited, as always (see BUCKET_GROUP).
-	const list_link *cache_head = &vrf->sess_cache;
-	const list_link *c = cache_head->next;
-	std::uint32_t cache_count = 0;
-	std::uint32_t chain_count = 0;
-	const list_link *const end = vrf->hash_tbl + SESSION_HASH_BUCKETS;
-	for (const list_link *h = vrf->hash_tbl; h != end; h += BUCKET_GROUP) {
-		if (h[0].next != &h[0])
-			chain_count += chain_length(&h[0]);
-		if (h[1].next != &h[1])
-			chain_count += chain_length(&h[1]);
-		if (h[2].next != &h[2])
-			chain_count += chain_length(&h[2]);
-		if (h[3].next != &h[3])
-			chain_count += chain_length(&h[3]);
-		if (c != cache_head) {
-			cache_count++;
-			c = c->next;
-		}
-	}
-	std::uint32_t count = chain_count;
+	check_walk w = session_check_avx2 ? walk_table_avx2(vrf) : walk_table_portable(vrf);
+	std::uint32_t count = w.chain_count;
 	ENSURE(count == vrf->session_count);
-	for (; c != cache_head; c = c->next)
-		cache_count++;
-	count = cache_count;
+	for (; w.c != &vrf->sess_cache; w.c = w.c->next)
+		w.cache_count++;
+	count = w.cache_count;
 	ENSURE(count == vrf->sess_cache_count);
 	ENSURE(vrf->sess_cache_count == vrf->session_count);
 }
@@ -752,11 +819,13 @@ void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node)
 
 int session_table_setup(reflector_vrf *vrf)
 {
-	vrf->rx_sess = static_cast<session_node *>(std::calloc(MAX_SESSIONS, sizeof(session_node)));
+	vrf->rx_sess = static_cast<session_node *>(
+		std::aligned_alloc(alignof(session_node), sizeof(session_node[MAX_SESSIONS])));
 	if (vrf->rx_sess == nullptr) {
 		TRACE(TRACE_ERROR, "ERROR: reflector rx_sess malloc() failed");
 		return SETUP_ERR_NOMEM;
 	}
+	std::memset(vrf->rx_sess, 0, sizeof(session_node[MAX_SESSIONS]));
 	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++)
 		vrf->rx_sess[k].shm_session = &vrf->shm->sessions[k];
 	list_init(&vrf->free_list);
