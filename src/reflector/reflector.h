@@ -111,11 +111,8 @@ inline void list_move_front(list_link *head, list_link *l)
 	list_insert_front(head, l);
 }
 
-// In-process node of one session slot (node k is bound to slot k). A
-// node fills one cache line of its own, so that the table check, which
-// follows both its chain link and its sess_cache link, loads one line a
-// node.
-struct alignas(64) session_node {
+// In-process node of one session slot (node k is bound to slot k).
+struct session_node {
 	list_link hash_list;             // chain of its hash bucket, while in use
 	list_link free_link;             // free_list, while free
 	list_link cache_list;            // sess_cache, while in use

@@ -819,13 +819,11 @@ void session_cache_insert_by_time(reflector_vrf *vrf, session_node *node)
 
 int session_table_setup(reflector_vrf *vrf)
 {
-	vrf->rx_sess = static_cast<session_node *>(
-		std::aligned_alloc(alignof(session_node), sizeof(session_node[MAX_SESSIONS])));
+	vrf->rx_sess = static_cast<session_node *>(std::calloc(MAX_SESSIONS, sizeof(session_node)));
 	if (vrf->rx_sess == nullptr) {
 		TRACE(TRACE_ERROR, "ERROR: reflector rx_sess malloc() failed");
 		return SETUP_ERR_NOMEM;
 	}
-	std::memset(vrf->rx_sess, 0, sizeof(session_node[MAX_SESSIONS]));
 	for (std::uint32_t k = 0; k < MAX_SESSIONS; k++)
 		vrf->rx_sess[k].shm_session = &vrf->shm->sessions[k];
 	list_init(&vrf->free_list);
