@@ -444,42 +444,45 @@ check_walk walk_table_portable(const reflector_vrf *vrf)
 	return w;
 }
 
-[[gnu::target("avx2"), gnu::always_inline]] inline __m256i eq(const __m256i *p, int k, __m256i self)
+[[gnu::target("avx2"), gnu::always_inline]] inline __m256i at_self(const __m256i *p, __m256i self)
 {
-	return _mm256_cmpeq_epi64(_mm256_loadu_si256(p + k), self);
+	return _mm256_cmpeq_epi64(_mm256_loadu_si256(p), self);
 }
 
-// Eight 32-byte compares a group, each of two heads' {next, prev} with
-// {self, self, self + 1, self + 1}. Signed packs turn each head's four
-// 64-bit results into four bytes (next, next, prev, prev) and interleave the
-// heads by 128-bit lane; a fixed permutation puts them back in order.
+// Bits 4i..4i+3 set where head i of the eight at `heads` has next, next,
+// prev, prev equal to its own address; `self` is {h, h, h + 1, h + 1} for
+// the first head h. Four 32-byte compares, each of two heads' {next, prev};
+// signed packs turn each head's four 64-bit results into four bytes and
+// interleave the heads by 128-bit lane, and a fixed permutation puts them
+// back in order.
+[[gnu::target("avx2"), gnu::always_inline]] inline std::uint32_t eight_heads_at_self(const list_link *heads,
+										   __m256i self)
+{
+	constexpr long long PAIR = 2 * sizeof(list_link);
+	const __m256i step = _mm256_set1_epi64x(PAIR);
+	const auto *p = reinterpret_cast<const __m256i *>(heads);
+	const __m256i s1 = _mm256_add_epi64(self, step), s2 = _mm256_add_epi64(s1, step),
+		      s3 = _mm256_add_epi64(s2, step);
+	const __m256i packed = _mm256_packs_epi16(_mm256_packs_epi32(at_self(p, self), at_self(p + 1, s1)),
+						  _mm256_packs_epi32(at_self(p + 2, s2), at_self(p + 3, s3)));
+	const __m256i in_order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+	return static_cast<std::uint32_t>(_mm256_movemask_epi8(_mm256_permutevar8x32_epi32(packed, in_order)));
+}
+
 [[gnu::target("avx2,popcnt,bmi")]] check_walk walk_table_avx2(const reflector_vrf *vrf)
 {
 	check_walk w{0, 0, vrf->sess_cache.next};
 	constexpr long long LINK = sizeof(list_link);
 	const auto base = reinterpret_cast<long long>(vrf->hash_tbl);
-	const __m256i pair_step = _mm256_set1_epi64x(2 * LINK);
-	const __m256i group_step = _mm256_set1_epi64x(HEADS_PER_WORD * LINK);
-	const __m256i in_order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+	const __m256i half_step = _mm256_set1_epi64x(HEADS_PER_WORD / 2 * LINK);
 	__m256i self = _mm256_setr_epi64x(base, base, base + LINK, base + LINK);
 	for (std::uint32_t g = 0; g < HEAD_WORDS; g++) {
 		const list_link *group = vrf->hash_tbl + g * HEADS_PER_WORD;
-		const auto *p = reinterpret_cast<const __m256i *>(group);
-		const __m256i s1 = _mm256_add_epi64(self, pair_step), s2 = _mm256_add_epi64(s1, pair_step),
-			      s3 = _mm256_add_epi64(s2, pair_step), s4 = _mm256_add_epi64(s3, pair_step),
-			      s5 = _mm256_add_epi64(s4, pair_step), s6 = _mm256_add_epi64(s5, pair_step),
-			      s7 = _mm256_add_epi64(s6, pair_step);
-		const __m256i lo = _mm256_permutevar8x32_epi32(
-			_mm256_packs_epi16(_mm256_packs_epi32(eq(p, 0, self), eq(p, 1, s1)), _mm256_packs_epi32(eq(p, 2, s2), eq(p, 3, s3))),
-			in_order);
-		const __m256i hi = _mm256_permutevar8x32_epi32(
-			_mm256_packs_epi16(_mm256_packs_epi32(eq(p, 4, s4), eq(p, 5, s5)), _mm256_packs_epi32(eq(p, 6, s6), eq(p, 7, s7))),
-			in_order);
-		const std::uint64_t empty =
-			static_cast<std::uint32_t>(_mm256_movemask_epi8(lo)) |
-			static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm256_movemask_epi8(hi))) << 32;
+		const __m256i second = _mm256_add_epi64(self, half_step);
+		const std::uint64_t empty = eight_heads_at_self(group, self) |
+					    std::uint64_t{eight_heads_at_self(group + HEADS_PER_WORD / 2, second)} << 32;
 		walk_chains(group, ~empty & HEAD_BITS, &vrf->sess_cache, w);
-		self = _mm256_add_epi64(self, group_step);
+		self = _mm256_add_epi64(second, half_step);
 	}
 	return w;
 }
