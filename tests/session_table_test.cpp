@@ -173,48 +173,42 @@ TEST(SessionTableDeathTest, BrokenInvariantsAbortWithTheirText)
 // few on a chain or on sess_cache is caught.
 TEST(SessionTableDeathTest, CheckCountsChainsAtEveryBucketAndCatchesALinkTooManyOrTooFew)
 {
-	const auto relink = [](harness &h, session_node *n, std::uint32_t bucket) {
-		list_unlink(&n->hash_list);
-		list_insert_front(&h.vrf->hash_tbl[bucket], &n->hash_list);
-	};
-	const auto chains_at_every_bucket = [&] {
+	// A table of `sessions`, changed by `change`, then checked.
+	const auto check_after = [](std::uint32_t sessions, auto change) {
 		harness h;
 		h.setup_table();
-		fill(h, 3);
+		fill(h, sessions);
+		change(h);
+		session_sanity_check(h.vrf.get());
+	};
+	const auto chains_at_every_bucket = [](harness &h) {
 		for (std::uint32_t b = 0; b < SESSION_HASH_BUCKETS; b++)
 			for (std::uint32_t k : {511u, 510u, 509u}) {  // chains of 1, 2 and 3 at b
-				relink(h, &h.vrf->rx_sess[k], b);
+				list_unlink(&h.vrf->rx_sess[k].hash_list);
+				list_insert_front(&h.vrf->hash_tbl[b], &h.vrf->rx_sess[k].hash_list);
 				session_sanity_check(h.vrf.get());
 			}
 		std::exit(0);
 	};
 	const auto node_too_many_at = [](std::uint32_t b) {
-		harness h;
-		h.setup_table();
-		fill(h, 2);
-		list_insert_front(&h.vrf->hash_tbl[b], &node_of_free(h.vrf->free_list.next)->hash_list);
-		h.vrf->hash_tbl[b].prev = &h.vrf->hash_tbl[b];  // only next links count
-		session_sanity_check(h.vrf.get());
+		return [b](harness &h) {
+			list_insert_front(&h.vrf->hash_tbl[b], &node_of_free(h.vrf->free_list.next)->hash_list);
+			h.vrf->hash_tbl[b].prev = &h.vrf->hash_tbl[b];  // only next links count
+		};
 	};
-	const auto recency_link_missing = [](std::uint32_t sessions) {
-		harness h;
-		h.setup_table();
-		fill(h, sessions);
-		list_join_neighbours(h.vrf->sess_cache.next->next);
-		session_sanity_check(h.vrf.get());
-	};
+	const auto recency_link_missing = [](harness &h) { list_join_neighbours(h.vrf->sess_cache.next->next); };
 	const bool had_avx2 = session_check_avx2;
 	for (const bool avx2 : {false, had_avx2}) {
 		SCOPED_TRACE(avx2 ? "AVX2" : "one by one");
 		session_check_avx2 = avx2;
-		EXPECT_EXIT(chains_at_every_bucket(), ::testing::ExitedWithCode(0), "");
+		EXPECT_EXIT(check_after(3, chains_at_every_bucket), ::testing::ExitedWithCode(0), "");
 		for (const std::uint32_t b : {0u, 15u, 16u, 1029u, 2047u}) {
 			SCOPED_TRACE(b);
-			EXPECT_DEATH(node_too_many_at(b), "count == vrf->session_count");
+			EXPECT_DEATH(check_after(2, node_too_many_at(b)), "count == vrf->session_count");
 		}
 		for (const std::uint32_t sessions : {3u, 512u}) {  // the list ends before the chains, or after
 			SCOPED_TRACE(sessions);
-			EXPECT_DEATH(recency_link_missing(sessions), "count == vrf->sess_cache_count");
+			EXPECT_DEATH(check_after(sessions, recency_link_missing), "count == vrf->sess_cache_count");
 		}
 	}
 	session_check_avx2 = had_avx2;
