@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <climits>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
@@ -36,12 +35,7 @@ struct global_handle {
 		setenv("BREVLOG_DIR", dir.c_str(), 1);
 		bl_handle = bl_initialize_handle(name, sizes);
 	}
-	~global_handle()
-	{
-		bl_close(bl_handle);
-		bl_handle = nullptr;
-		unsetenv("BREVLOG_DIR");
-	}
+	~global_handle() { bl_close(std::exchange(bl_handle, nullptr)); unsetenv("BREVLOG_DIR"); }
 };
 
 // A pread cut in two: a read of `fd` longer than `at` bytes copies the
@@ -53,24 +47,27 @@ struct {
 	std::function<void()> midway;
 } pread_seam;
 
-struct record {
-	std::uint32_t level;
-	std::uint64_t time_ns;
+struct record : blr_record {
 	std::string text;
-	std::vector<blr_value> values;
 };
+
+// Every live record of `f`, time-ordered.
+std::vector<blr_record> collect_all(blr_file &f)
+{
+	std::vector<blr_record> recs;
+	blr_collect(f, ~0u, 0, recs);
+	blr_sort(recs);
+	return recs;
+}
 
 // Every live record of `path`, time-ordered and rendered.
 std::vector<record> read_all(const std::string &path)
 {
 	blr_file f;
 	EXPECT_EQ(blr_open(f, path.c_str()), "");
-	std::vector<blr_record> recs;
-	blr_collect(f, ~0u, 0, recs);
-	blr_sort(recs);
 	std::vector<record> out;
-	for (const blr_record &r : recs) {
-		out.push_back({r.level, r.time_ns, "<no descriptor>", r.values});
+	for (const blr_record &r : collect_all(f)) {
+		out.push_back({r, "<no descriptor>"});
 		for (const blr_desc &d : f.descs)
 			if (d.msg_id == r.msg_id)
 				out.back().text = blr_format(d.fmt, r.values);
@@ -167,14 +164,13 @@ TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 	testutil::temp_dir dir;
 	global_handle g(dir.path(), "64, 8");
 	const rt_handler rt(trace_nested);
-	std::vector<std::string> texts;
-	std::vector<std::pair<std::uint64_t, std::uint64_t>> windows;  // clock readings around each record
-	auto realtime_ns = [] { return std::uint64_t(std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1)); };
+	struct written { std::string text; std::uint64_t before, after; };  // clock readings around it
+	std::vector<written> want;
+	auto now_ns = [] { timespec t; clock_gettime(CLOCK_REALTIME, &t); return t.tv_sec * 1000000000ull + t.tv_nsec; };
 	auto timed = [&](const std::string &text, auto write) {
-		texts.push_back(text);
-		windows.emplace_back(realtime_ns(), 0);
+		const std::uint64_t before = now_ns();
 		write();
-		windows.back().second = realtime_ns();
+		want.push_back({text, before, now_ns()});
 	};
 	std::uint32_t n = 0;
 	for (const std::uint32_t ms : {0, 60, 0, 130, 5}) {
@@ -196,11 +192,11 @@ TEST(BrevlogWriter, RecordTimesLieBetweenClockReadingsAroundThem)
 	timed("INIT: after", [] { TRACE(0, "INIT: after"); });
 	constexpr std::uint64_t SLACK_NS = 1000000;  // interpolation error allowed
 	const auto recs = read_all(dir.file("test.bl"));
-	ASSERT_EQ(recs.size(), texts.size());
+	ASSERT_EQ(recs.size(), want.size());
 	for (std::size_t i = 0; i < recs.size(); i++) {
-		ASSERT_EQ(recs[i].text, texts[i]) << "time order is writing order";
-		EXPECT_GE(recs[i].time_ns + SLACK_NS, windows[i].first) << texts[i];
-		EXPECT_LE(recs[i].time_ns, windows[i].second + SLACK_NS) << texts[i];
+		ASSERT_EQ(recs[i].text, want[i].text) << "time order is writing order";
+		EXPECT_GE(recs[i].time_ns + SLACK_NS, want[i].before) << want[i].text;
+		EXPECT_LE(recs[i].time_ns, want[i].after + SLACK_NS) << want[i].text;
 	}
 }
 
@@ -219,11 +215,9 @@ TEST(BrevlogSignals, HandlerRecordsNeverDisturbTheInterruptedRecord)
 			std::this_thread::yield();
 		const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
 		while (sent < SIGNALS && std::chrono::steady_clock::now() < deadline) {
-			if (pthread_kill(target, SIGRTMIN + 9) == 0)
-				sent++;
-			else
+			if (pthread_kill(target, SIGRTMIN + 9) != 0)
 				usleep(100);  // the signal queue is full
-			if (sent % 50 == 0)
+			else if (++sent % 50 == 0)
 				usleep(50);  // let the traced flow run between bursts
 		}
 		done = true;
@@ -327,12 +321,8 @@ protected:
 		// Times become 2024-03-01 12:00:00 UTC plus 1.5 ms per record.
 		blr_file f;
 		ASSERT_EQ(blr_open(f, golden().c_str()), "");
-		std::vector<blr_record> recs;
-		blr_collect(f, ~0u, 0, recs);
-		blr_sort(recs);
 		const int fd = open(golden().c_str(), O_WRONLY);
-		std::uint64_t t = 1709294400ull * 1000000000ull;
-		for (const auto &r : recs) {
+		for (std::uint64_t t = 1709294400ull * 1000000000ull; const auto &r : collect_all(f)) {
 			const blr_level &l = f.levels[r.level];
 			EXPECT_EQ(pwrite(fd, &t, sizeof t, static_cast<off_t>(l.ring_off + r.pos % l.ring_size + 16)), 8);
 			t += 1500000;
@@ -354,8 +344,15 @@ std::tuple<int, std::string, std::string> blcat(std::vector<std::string> args, c
 {
 	args.insert(args.begin(), testutil::bin("blcat"));
 	testutil::child_process p(args, {"TZ=" + tz});
-	const int status = p.exit_status();
-	return {status, p.out(), p.err()};
+	return {p.exit_status(), p.out(), p.err()};  // in this order: braced lists evaluate left to right
+}
+
+// `text` with every `from` replaced by `to`.
+std::string replaced(std::string text, std::string_view from, std::string_view to)
+{
+	for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
+		text.replace(at, from.size(), to);
+	return text;
 }
 
 }  // namespace
@@ -368,10 +365,7 @@ TEST_F(TraceFile, EverySingleByteCorruptionIsRejectedOrSkipped)
 		blr_file f;
 		if (!blr_attach(f, image, "c.bl").empty())
 			return false;
-		std::vector<blr_record> recs;
-		blr_collect(f, ~0u, 0, recs);
-		blr_sort(recs);
-		for (const auto &r : recs)
+		for (const auto &r : collect_all(f))
 			blr_render(f, r);
 		return true;
 	};
@@ -399,9 +393,7 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesInLocalTimeAndMergesFiles
 	if (std::getenv("ORV_UPDATE_GOLDEN"))  // regenerate after a deliberate change
 		std::ofstream(ORV_SOURCE_DIR "/tests/data/blcat_golden.txt") << std::get<1>(r);
 	EXPECT_EQ(r, std::tuple(0, expected(), ""));
-	std::string local = expected();
-	for (std::size_t at = 0; (at = local.find("2024-03-01 12:00:", at)) != std::string::npos; at++)
-		local.replace(at, 17, "2024-03-01 17:30:");
+	const std::string local = replaced(expected(), "2024-03-01 12:00:", "2024-03-01 17:30:");
 	EXPECT_EQ(blcat({golden()}, "XST-5:30"), std::tuple(0, local, ""));
 	std::vector<std::string> all;  // the golden output split into records, each starting with its time stamp
 	std::istringstream in(expected());
@@ -418,11 +410,7 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesInLocalTimeAndMergesFiles
 		EXPECT_EQ(std::get<1>(blcat({"-l", levels, golden()})), want) << levels;
 	}
 	// A copy whose call sites name another file: the same times, other text.
-	auto renamed = [](std::string text) {
-		for (std::size_t at = 0; (at = text.find("golden_writer.cpp", at)) != std::string::npos;)
-			text.replace(at, 6, "copied");
-		return text;
-	};
+	auto renamed = [](const std::string &text) { return replaced(text, "golden_writer.cpp", "copied_writer.cpp"); };
 	const std::string copy = dir->file("copy.bl");
 	std::ofstream(copy, std::ios::binary) << renamed(testutil::read_file(golden()));
 	std::string want;
@@ -436,14 +424,12 @@ TEST_F(TraceFile, BlcatPrintsAllLevelsOrTheSelectedOnesInLocalTimeAndMergesFiles
 TEST_F(TraceFile, BlcatExitStatusesAndErrorLines)
 {
 	const std::string img = testutil::read_file(golden()), size = std::to_string(img.size());
-	std::string other_version = img;
-	other_version[8] = 2;
 	const std::tuple<std::string, std::string, std::string> cases[] = {  // file name, content, error
 		{"empty.bl", "", "not a trace file (empty)"},
 		{"cut7.bl", img.substr(0, 7), "not a trace file"},
 		{"cut4095.bl", img.substr(0, 4095), "truncated (4095 bytes, header is 4096)"},
 		{"cut1.bl", img.substr(0, img.size() - 1), "truncated (" + std::to_string(img.size() - 1) + " bytes, header says " + size + ")"},
-		{"version.bl", other_version, "unsupported trace file version 2"},
+		{"version.bl", img.substr(0, 8) + '\2' + img.substr(9), "unsupported trace file version 2"},
 		{"missing.bl", "", "No such file or directory"},
 	};
 	for (const auto &[name, content, why] : cases) {
@@ -480,18 +466,16 @@ TEST_F(TraceFile, BlcatWorksByTheDataASparseFileHoldsNotItsClaimedRings)
 	std::filesystem::resize_file(path, end);  // the rings: one hole
 	EXPECT_EQ(blcat({path}), std::tuple(1, "", "blcat: " + path + ": corrupt header (level 0 head " + std::to_string(HEAD) +
 							", but its ring holds no data)\n"));
-	{
-		std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
-		for (std::uint32_t i = 0; i < BL_MAX_LEVELS; i++)
-			f.seekp(static_cast<std::streamoff>(BL_HEADER_SIZE + BL_DESC_AREA_SIZE + i * GIB + GIB / 2)).write("junk", 4);
-	}
+	std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
+	for (std::uint32_t i = 0; i < BL_MAX_LEVELS; i++)
+		f.seekp(static_cast<std::streamoff>(BL_HEADER_SIZE + BL_DESC_AREA_SIZE + i * GIB + GIB / 2)).write("junk", 4);
+	f.close();
 	EXPECT_EQ(blcat({path}), std::tuple(0, "", ""));
 }
 
-// The file cut under blcat -f and then written anew in place (same inode),
-// then renamed away with a new file put in its place, as the writer's
-// restart does: blcat says so each time, waits out the cut, and prints each
-// content once, from its start.
+// The file cut under blcat -f and written anew in place (same inode), then
+// renamed away for a new one as the writer's restart does: blcat says so each
+// time, waits out the cut, and prints each content once, from its start.
 TEST_F(TraceFile, BlcatFollowWaitsOutACutAndFollowsTheFileByName)
 {
 	const std::string path = dir->file("live.bl");
