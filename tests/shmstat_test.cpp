@@ -1,16 +1,17 @@
-// shmstat_test.cpp -- the store reader of orvalindwarden-stat: size and
-// plausibility rules, its three renderings of a fixed store compared byte
-// for byte with golden files, silent sessions, the daemon behind a store,
-// and the history of --delta (the end-to-end run reads a live store).
+// shmstat_test.cpp -- the store reader of orvalindwarden-stat: size and plausibility rules, its three
+// renderings of a fixed store compared byte for byte with golden files, silent sessions, the daemon
+// behind a store, and the history of --delta (the end-to-end run reads a live store).
 #include <arpa/inet.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <set>
+#include <sstream>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -23,11 +24,10 @@
 
 namespace {
 
-// A fixed store: every header counter and every field of sessions A (slot
-// 511) and B (slot 300) holds a value of its own, so that a counter read at
-// another's offset or a field rendered under another's name shows; C (slot
-// 510) has one request and no reply. rx_hash_hit + rx_hash_miss is exactly
-// the lookups of the counting period (rx_valid_pkts mod 512 + 1 = 301).
+// A fixed store: every header counter and every field of sessions A (slot 511) and B (slot 300)
+// holds a value of its own, so that a counter read at another's offset or a field rendered under
+// another's name shows; C (slot 510) has one request and no reply. rx_hash_hit + rx_hash_miss is
+// exactly the lookups of the counting period (rx_valid_pkts mod 512 + 1 = 301).
 std::unique_ptr<shmstat_snapshot> fixed_snapshot()
 {
 	auto snap = std::make_unique<shmstat_snapshot>();
@@ -39,8 +39,7 @@ std::unique_ptr<shmstat_snapshot> fixed_snapshot()
 	st.invalid_detect_mult = 17, st.invalid_my_disc = 19, st.your_disc_unmatch = 23, st.invalid_bfd_state = 29;
 	st.unsupported = 31, st.invalid_pkt_format = 37, st.sendto_fail = 41, st.wrong_len_sent = 43;
 	st.rx_hash_miss = 51, st.rx_hash_hit = 250, st.rx_hash_trim = 9;
-	// Slot, discriminator, address, port; the rest is set below.
-	const std::tuple<std::uint32_t, std::uint32_t, const char *, std::uint16_t> rows[] = {
+	const std::tuple<std::uint32_t, std::uint32_t, const char *, std::uint16_t> rows[] = {  // slot, disc, address, port
 		{511, 100, "192.0.2.10", 49153}, {300, 200, "198.51.100.7", 50000}, {510, 300, "198.51.100.5", 3785}};
 	for (const auto &[slot, disc, ip, port] : rows) {
 		reflector_session &s = st.sessions[slot];
@@ -71,16 +70,14 @@ std::unique_ptr<shmstat_snapshot> fixed_snapshot()
 shmstat_view fixed_view()
 {
 	shmstat_view v;
-	v.daemon.pid = 4242;
-	v.daemon.config_known = true;
+	v.daemon.pid = 4242, v.daemon.config_known = true;
 	v.daemon.config = {77, inet_addr("192.0.2.1"), 300000, true, {1699999500, 500000000}, {1699999200, 0}};
 	v.version = "1.0.0";
 	return v;
 }
 
-// Compares `text` with tests/data/<file> byte for byte. After a deliberate
-// change of an output, regenerate the files with
-//   ORV_UPDATE_GOLDEN=1 ctest --test-dir BUILD -R ShmstatGolden
+// Compares `text` with tests/data/<file> byte for byte. After a deliberate change of an output,
+// regenerate the files with `ORV_UPDATE_GOLDEN=1 ctest --test-dir BUILD -R ShmstatGolden`
 // and review the difference (git diff tests/data) before committing it.
 void expect_golden(const std::string &text, const std::string &file)
 {
@@ -94,16 +91,14 @@ void expect_golden(const std::string &text, const std::string &file)
 // measured to the copy's time, so the output does not depend on the clock.
 TEST(ShmstatGolden, TextJsonAndPrometheusRenderingsOfAFixedStoreAreTheGoldenOnes)
 {
-	setenv("TZ", "UTC", 1);
-	tzset();
+	setenv("TZ", "UTC", 1), tzset();
 	const auto snap = fixed_snapshot();
 	const shmstat_view view = fixed_view();
 	expect_golden(shmstat_format_text(*snap, "orvalindwarden", nullptr, view), "stat_golden.txt");
 	expect_golden(shmstat_format_json(*snap, "orvalindwarden", view), "stat_golden.json");
 	expect_golden(shmstat_format_prometheus(*snap, "orvalindwarden", view), "stat_golden.prom");
-	// Rates over 2 s: the k-th counter grew by 2k (k/s; the small ones
-	// wrapped), A received 4 requests and sent 2 more, slot 300 held
-	// another initiator ("-").
+	// Rates over 2 s: the k-th counter grew by 2k (k/s; the small ones wrapped), A received 4
+	// requests and sent 2 more, slot 300 held another initiator ("-").
 	auto prev = fixed_snapshot();
 	reflector_shm &p = prev->store;
 	prev->taken.tv_sec -= 2;
@@ -207,48 +202,35 @@ TEST(ShmstatSilent, FlagsASessionOnlyPastItsAnnouncedDetectionTimeWithAOneSecond
 	EXPECT_EQ(prom.find("address=\"198.51.100.5\""), std::string::npos);
 }
 
-// Sample lines ("name{labels} value") of a rendering.
-std::vector<std::string> prom_series(const std::string &text)
-{
-	std::vector<std::string> out;
-	std::istringstream in(text);
-	for (std::string line; std::getline(in, line);)
-		if (!line.starts_with("#"))
-			out.push_back(line.substr(0, line.rfind(' ')));
-	return out;
-}
-
-// What a node_exporter textfile directory with one file per instance
-// needs: every sample names its store, so that two instances' series
-// never collide, whatever bytes the store's name holds.
+// What a node_exporter textfile directory with one file per instance needs: every sample names
+// its store, so that two instances' series never collide, whatever bytes the store's name holds.
 TEST(ShmstatPrometheus, EverySampleNamesItsStoreAndTwoInstancesShareNoSeries)
 {
 	auto snap = fixed_snapshot();
 	const std::string blue = "orvalindwarden-var-run-netns-blue", odd = "orvalindwarden-\"x\\y\nz";
 	std::set<std::string> all;
-	std::size_t total = 0;
 	for (const auto &[name, label] : {std::pair{blue, blue}, std::pair{odd, std::string("orvalindwarden-\\\"x\\\\y\\nz")}}) {
-		const auto series = prom_series(shmstat_format_prometheus(*snap, name, fixed_view()));
-		for (const std::string &s : series)
-			EXPECT_NE(s.find("{store=\"" + label + "\""), std::string::npos) << s;
-		all.insert(series.begin(), series.end());
-		total += series.size();
+		std::istringstream in(shmstat_format_prometheus(*snap, name, fixed_view()));
+		for (std::string line; std::getline(in, line);) {
+			if (line.starts_with("#"))
+				continue;
+			const std::string series = line.substr(0, line.rfind(' '));  // of "name{labels} value"
+			EXPECT_NE(series.find("{store=\"" + label + "\""), std::string::npos) << series;
+			EXPECT_TRUE(all.insert(series).second) << series << ": two samples of one series";
+		}
 	}
-	EXPECT_EQ(all.size(), total) << "two instances share a series";
-	EXPECT_GT(total, 2 * 40u);
+	EXPECT_GT(all.size(), 2 * 40u);
 }
 
-// Without a daemon: no configuration time, and "unknown" with the reason in
-// JSON (up 0, the version alone and the text's reason: tools_test, a killed
-// daemon's store).
+// Without a daemon: no configuration time, and "unknown" with the reason in JSON (up 0, the
+// version alone and the text's reason: tools_test, a killed daemon's store).
 TEST(ShmstatPrometheus, PassesPromtoolCheckWithAndWithoutADaemon)
 {
 	if (testutil::run("command -v promtool >/dev/null") != 0)
 		GTEST_SKIP() << "promtool not installed (Debian package prometheus): the text format is not checked";
 	auto snap = fixed_snapshot();
 	shmstat_view down;
-	down.version = "1.0.0";
-	down.daemon.config_unknown = "no run-state file /run/orvalindwarden/orvalindwarden.state";
+	down.version = "1.0.0", down.daemon.config_unknown = "no run-state file /run/orvalindwarden/orvalindwarden.state";
 	testutil::temp_dir dir;
 	for (const shmstat_view &view : {fixed_view(), down}) {
 		const std::string prom = shmstat_format_prometheus(*snap, "orvalindwarden-var-run-netns-\"blue\"", view);
@@ -290,25 +272,25 @@ TEST(ShmstatDaemon, FindsTheProcessMappingTheStoreAndTrustsOnlyItsRunStateFile)
 {
 	const std::string name = testutil::unique_name("orvstat-holder");
 	const testutil::undo unlink{[&] { shm_unlink(name.c_str()); }};
-	auto want = fixed_snapshot();
-	{
-		unique_fd fd{shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600)};
-		ASSERT_EQ(::write(fd.get(), &want->store, SHM_SIZE), static_cast<ssize_t>(SHM_SIZE));
-	}
-	auto snap = std::make_unique<shmstat_snapshot>();
+	auto snap = fixed_snapshot();
+	const unique_fd fd{shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600)};
+	ASSERT_EQ(::write(fd.get(), &snap->store, SHM_SIZE), static_cast<ssize_t>(SHM_SIZE));
 	std::string err;
-	ASSERT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_OK) << err;
+	ASSERT_EQ(shmstat_read(name, snap.get(), &err), SHMSTAT_OK) << err;  // for the object's inode
 	testutil::temp_dir dir;
 	const std::string state = dir.file("x.state");
 	auto write_state = [&](long pid) {
 		run_state rs{static_cast<std::int32_t>(pid), 77, inet_addr("192.0.2.1"), 300000, 1, 1700000000, 5, 1699999000, 0};
 		ASSERT_EQ(run_state_write(state.c_str(), rs), 0);
 	};
+	shmstat_daemon d;
+	auto probe = [&] {
+		d = shmstat_probe_daemon(name, *snap, state.c_str());
+		return std::tuple(d.pid, d.config_known, d.config_unknown);
+	};
 	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), 0);
-	shmstat_daemon d = shmstat_probe_daemon(name, *snap, state.c_str());
-	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown), std::tuple(0L, false, "no run-state file " + state));
+	EXPECT_EQ(probe(), std::tuple(0L, false, "no run-state file " + state));
 	// A child inherits the store mapped as the daemon maps it; this process unmaps it.
-	const unique_fd fd{shm_open(name.c_str(), O_RDWR, 0)};
 	void *rw = mmap(nullptr, SHM_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
 	ASSERT_NE(rw, MAP_FAILED);
 	const pid_t child = fork();
@@ -319,29 +301,23 @@ TEST(ShmstatDaemon, FindsTheProcessMappingTheStoreAndTrustsOnlyItsRunStateFile)
 	EXPECT_EQ(shmstat_find_holder(name, *snap, 0), child);
 	EXPECT_EQ(shmstat_find_holder(name, *snap, getpid()), child) << "a wrong hint must not stick";
 	write_state(child);
-	d = shmstat_probe_daemon(name, *snap, state.c_str());
-	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config.discriminator, d.config.admin_down, d.config.since.tv_nsec),
-		  std::tuple(long(child), true, 77u, true, 5));
+	EXPECT_EQ(probe(), std::tuple(long(child), true, ""));
+	EXPECT_EQ(std::tuple(d.config.discriminator, d.config.admin_down, d.config.since.tv_nsec), std::tuple(77u, true, 5));
 	write_state(getpid());  // alive, but not mapping the store
-	d = shmstat_probe_daemon(name, *snap, state.c_str());
-	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown),
-		  std::tuple(long(child), false, "stale run-state file: pid " + std::to_string(getpid()) + " does not hold the store"));
+	EXPECT_EQ(probe(), std::tuple(long(child), false,
+				      "stale run-state file: pid " + std::to_string(getpid()) + " does not hold the store"));
 	std::ofstream(state) << "orvalindwarden-state 1\npid 01\n";
-	d = shmstat_probe_daemon(name, *snap, state.c_str());
-	EXPECT_EQ(d.config_unknown, "run-state file " + state + " unreadable: not a run-state file");
+	EXPECT_EQ(probe(), std::tuple(long(child), false, "run-state file " + state + " unreadable: not a run-state file"));
 	write_state(child);
 	kill(child, SIGKILL), waitpid(child, nullptr, 0);
-	d = shmstat_probe_daemon(name, *snap, state.c_str());
-	EXPECT_EQ(std::tuple(d.pid, d.config_known, d.config_unknown),
-		  std::tuple(0L, false, "stale run-state file: pid " + std::to_string(child) + " is not running"));
+	EXPECT_EQ(probe(), std::tuple(0L, false, "stale run-state file: pid " + std::to_string(child) + " is not running"));
 }
 
 // The history file of --delta: written and read back whole, and refused
 // for any line out of place, as a file the caller may have edited.
 TEST(ShmhistParse, ReadsBackWhatItWritesAndRefusesEachBrokenLine)
 {
-	auto snap = fixed_snapshot();
-	shmhist h = shmhist_of(*snap, "orvalindwarden-%a b\n\x7f\xc3");
+	const shmhist h = shmhist_of(*fixed_snapshot(), "orvalindwarden-%a b\n\x7f\xc3");
 	const std::string text = shmhist_format(h);
 	EXPECT_NE(text.find("\nobject orvalindwarden-%25a%20b%0A%7F%C3\ntaken 1700000100 250000000\n"), std::string::npos) << text;
 	shmhist back;
@@ -401,14 +377,10 @@ TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
 	base_snap->store.sessions[510].num_sent = 3;  // C: fewer replies now, its slot re-used
 	base_snap->store.sessions[300].discriminator = 201;  // B is new, 201 is gone
 	const shmhist base = shmhist_of(*base_snap, "orvalindwarden");
-	snap->taken.tv_sec += 4;
-	snap->store.rx_drops += 8;
+	snap->taken.tv_sec += 4, snap->store.rx_drops += 8;
 	shmhist_delta d = shmhist_compare(&base, *snap, "orvalindwarden");
-	auto count = [&](const char *name) {
-		for (std::size_t i = 0; i < SHMSTAT_COUNTERS.size(); i++)
-			if (std::string(SHMSTAT_COUNTERS[i].name) == name)
-				return d.counters[i];
-		return ~std::uint64_t(0);
+	auto count = [&](std::string_view name) {
+		return d.counters.at(std::ranges::find(SHMSTAT_COUNTERS, name, &shmstat_counter::name) - SHMSTAT_COUNTERS.begin());
 	};
 	EXPECT_EQ(std::tuple(d.have_base, d.seconds, d.notes.size(), count("rx_drops"), count("bad_version"), count("tx_sends")),
 		  std::tuple(true, 4.0, 0u, 8u, 7u, 0u));
@@ -425,9 +397,8 @@ TEST(ShmhistCompare, CountsChangesAcrossAWrapAndFromAResetWithANote)
 	snap->store.rx_valid_pkts = 2, snap->store.rx_drops = 1;
 	d = shmhist_compare(&base, *snap, "orvalindwarden");
 	ASSERT_EQ(d.notes.size(), 1u);
-	EXPECT_EQ(d.notes[0].find("counters went back (rx_drops 4294967313 -> 1, rx_valid_pkts 4294967596 -> 2, bad_version "
-				  "4294967294 -> 5)"),
-		  0u) << d.notes[0];
+	EXPECT_TRUE(d.notes[0].starts_with("counters went back (rx_drops 4294967313 -> 1, rx_valid_pkts 4294967596 -> 2, "
+					   "bad_version 4294967294 -> 5)")) << d.notes[0];
 	EXPECT_EQ(std::tuple(count("rx_valid_pkts"), count("bad_version"), count("tx_sends"), d.sessions[1].received, d.sessions[1].fresh),
 		  std::tuple(2u, 5u, 6442450951u, 12u, true));
 	EXPECT_NE(shmstat_format_delta_text(d, *snap, "orvalindwarden").find("\nnote: counters went back ("), std::string::npos);
